@@ -1,0 +1,57 @@
+#pragma once
+
+// EventManager: which client connection wants which event types, and the
+// router that copies each event into the outgoing queue of every connection
+// that wants it, then asks the IPC thread to write to those connections.
+//
+// Subscriptions change on the IPC thread (requests, closes); events arrive on
+// the two ring monitor threads. kavoRawEventManagerLock guards the singleton
+// and both maps and is held for the whole of AppendEvent. Lock order inside
+// AppendEvent: kavoRawEventManagerLock, a queue's own mutex, then servicelock
+// briefly, then the endpoint's epoll mutex.
+
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "utils/kavo_bpf_export.h"
+#include "utils/kavo_bpf_ipc_package.h"
+
+namespace Kavo::Bpf {
+
+class KAVO_EXPORT EventManager {
+ public:
+  static EventManager* GetInstance();
+
+  // Subscribes fd to eventType; a repeated subscription is not counted twice.
+  void AddObserverEvent(int fd, int eventType);
+  // Unsubscribes; keys stay, possibly with empty lists.
+  void DelObserverEvent(int fd, int eventType);
+  // Forgets every subscription of a closing connection.
+  void EraseObserver(int fd);
+  // Queues one event record (u32 event type first) as a type-3 package for
+  // every subscriber of its type, in subscription order, then wakes their
+  // writers in the same order. Always 0.
+  int AppendEvent(char* data, unsigned size);
+
+  // The service's map of per-client queues (owned by the service).
+  void setPackageManagers(std::map<int, IpcPackageManager>* managers);
+
+  // Copies of the subscription state, for diagnostics and tests.
+  std::vector<int> eventsOf(int fd);
+  std::vector<int> observersOf(int eventType);
+  bool hasObserverEntry(int fd);
+
+  static std::mutex kavoRawEventManagerLock;
+
+ private:
+  EventManager() = default;
+
+  std::map<int, IpcPackageManager>* packageManagers = nullptr;
+  std::map<int, std::vector<int>> fdEvents;
+  std::map<int, std::vector<int>> eventObservers;
+
+  static EventManager* instance;
+};
+
+}  // namespace Kavo::Bpf

@@ -1,0 +1,192 @@
+#pragma once
+
+// KavoBpfService: the one service object of the library. It owns the raw-event
+// handler table, the two producer threads (each ends in the monitor of one
+// BPF ring buffer), the ring and status-map descriptors, the maps the fd and
+// dma-buf seeding keep, and the client IPC endpoint with one outgoing queue
+// per client.
+//
+// Its implementation is split by concern:
+//   kavo_bpf_service.cpp               entry, lifecycle, producer threads, switches
+//   kavo_bpf_service_constants.cpp     program catalogue and path constants
+//   kavo_bpf_service_monitor.cpp       ring monitors, dispatch, status check
+//   kavo_bpf_service_proc.cpp          /proc readers
+//   kavo_bpf_service_task_events.cpp   task init/fork/exit handlers, initial scan
+//   kavo_bpf_service_rss_events.cpp    RSS handler
+//   kavo_bpf_service_maps.cpp          fd and dma-buf map seeding
+//   kavo_bpf_service_client.cpp        client callbacks and requests
+//
+// Threads: "BpfServicePoll" (ring 0), "BpfServicePGpl" (ring 1) and the IPC
+// loop "BpfServiceTr", all on CPUs 0-2. servicelock guards the instance, the
+// running flag in start()/stop() and every read-modify-write of a ring's
+// control word.
+
+#include <android-base/unique_fd.h>
+#include <stdint.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bpf/kavo_bpf_records.h"
+#include "utils/kavo_bpf_export.h"
+#include "utils/kavo_bpf_helper.h"
+#include "utils/kavo_bpf_ipc_helper.h"
+
+namespace Kavo::Bpf {
+
+// Starts the service unless "persist.sys.stability.bpfframework.disable" is
+// "1". True when it was started.
+KAVO_EXPORT bool BpfServiceMain();
+
+// Name and parent of a process as read from /proc/<pid>/status.
+struct UpdateProcessExdata {
+  int32_t pid;
+  int32_t ppid;
+  char comm[KAVO_COMM_LEN];
+};
+
+// Raw-event handler: (record, record size) -> result.
+using KavoRawEventHandler = std::function<int(char*, long long)>;
+
+class KAVO_EXPORT KavoBpfService {
+ public:
+  static constexpr int kRingCount = 2;
+  static constexpr int kRingDefineset = 0;
+  static constexpr int kRingGplDefineset = 1;
+
+  // The singleton, created on first use under servicelock. Never null.
+  static KavoBpfService* GetInstance();
+
+  bool start();
+  int Wait();
+  int stop();
+  bool isRunning() const { return running.load(std::memory_order_relaxed); }
+
+  // Switch a ring's core (bit 1) or normal (bit 2) producers on or off.
+  bool enableCoreBpf(int ring, bool enable);
+  bool enableNormalBpf(int ring, bool enable);
+
+  // ---- Ring monitors and dispatch ----
+  int eventMonitor();
+  int gpleventMonitor();
+  static int handleBpfRingBuffEvent(void* ctx, void* data, unsigned int size);
+  int handleBpfPassthrough(char* data, long long size);
+  bool checkBpfRingBuffStatus(int ring, bool force);
+
+  // ---- Kernel event handlers ----
+  int handleKavoTaskInitEvent(char* data, long long size);
+  int handleKmem_RssStat(char* data, long long size);
+  int handleSched_SchedProcessFork(char* data, long long size);
+  int handleSched_SchedProcessExit(char* data, long long size);
+  void initTaskInfo();
+
+  // ---- /proc readers ----
+  int getProcessInfo(int pid, UpdateProcessExdata* info);
+  long GetFdSize(const std::string& path);
+  uint64_t GetFdInode(const std::string& path);
+
+  // ---- fd and dma-buf maps ----
+  int initBpfMap();
+  void initFdBpfProg();
+  void initDmabufBpfProg();
+
+  // ---- Clients ----
+  int onClientLibReadable(int fd, BufferState* readBuffer);
+  int onClientLibWriteable(int fd, BufferState* writeBuffer);
+  int onClientLibConnection(int fd);
+  int onClientLibClose(int fd);
+  int onEventProvideReqCallBack(int fd, char* data, unsigned int size);
+  void notifyClientEventReady(const std::vector<int>& fds);
+  UnixIpcManager* getIpcManager() { return ipcManager.get(); }
+
+  // ---- Catalogue and constants ----
+  static const KavoBpfProgTable PROG_EVENT_MAP;
+  static const KavoBpfProgTable PROG_GPL_EVENT_MAP;
+  static const std::string PROC_FS_PATH;
+  static const std::string SUBTASK_PATH_TEMPLATE;
+  static const std::string TASK_STATUS_TEMPLATE;
+  static const std::string TASK_STATUS_PID_TEMPLATE;
+  static const std::string TASK_STAT_TEMPLATE;
+  static const std::string TASK_MAPS_TEMPLATE;
+  static const std::string TASK_FD_TEMPLATE;
+  static const std::string TASK_FDINFO_TEMPLATE;
+  static const std::string TASK_COMM_PREFIX;
+  static const std::string TASK_PPID_PREFIX;
+  static const std::string TASK_PROC_UID_PREFIX;
+  static const std::string TASK_RSS_ANON_PREFIX;
+  static const std::string TASK_RSS_FILE_PREFIX;
+  static const std::string TASK_RSS_SHMEM_PREFIX;
+  static const std::string TASK_VM_SWAP_PREFIX;
+  static const std::string TASK_DMABUF_PREFIX;
+  static const std::string TASK_DMABUF_SIZE_PREFIX;
+  static const std::string TASK_DMABUF_INO_PREFIX;
+  static const std::string BPF_FS_PATH;
+  static const std::string KAVO_BPF_READY;
+  static const std::string DMABUF_BPF_PROCESS_INODE_MAP_PATH;
+  static const std::string DMABUF_BPF_PROCESS_MMAP_INFOS_PATH;
+  // Directory the producer threads attach from (note the trailing slash).
+  static const std::string BPF_PROG_DIR;
+  // Pinned ring buffer and status map of each ring.
+  static const std::string RINGBUF_MAP_PATH[kRingCount];
+  static const std::string RINGBUF_STATUS_PATH[kRingCount];
+  // Names of the raw event types 0..7, as the state record and clients use them.
+  static const char* const EVENT_TYPE_NAMES[KAVO_EVENT_RAW_MAX + 1];
+
+  static std::mutex servicelock;
+
+ private:
+  KavoBpfService();
+  ~KavoBpfService();
+  KavoBpfService(const KavoBpfService&) = delete;
+  KavoBpfService& operator=(const KavoBpfService&) = delete;
+
+  int eventProduceThread();
+  int gpleventProduceThread();
+  // Shared body of the two monitors.
+  int monitorRing(int ring);
+  // Sets or clears |bit| of a ring's control word under servicelock.
+  bool updateControlWord(int ring, uint64_t bit, bool enable);
+
+  // 1. Raw-event handlers by type.
+  std::map<int, KavoRawEventHandler> eventHandlers;
+  // 2. Cleared by stop(); the monitors end when it is false.
+  std::atomic<bool> running{false};
+  // 3. Wall-clock time of the last status check, per ring.
+  std::atomic<int64_t> lastStatusCheckTime[kRingCount] = {};
+  // 4, 5. Ring buffer and status map of each ring.
+  android::base::unique_fd ringBufferFds[kRingCount];
+  android::base::unique_fd ringStatusFds[kRingCount];
+  // 6. What the fd and dma-buf seeding keeps.
+  std::map<uint64_t, kavo_dmabuf_buffer> dmabufBuffers;
+  std::map<int, dmabuf_stat> dmabufProcesses;
+  std::map<int, std::map<unsigned, int>> dmabufFdCounts;
+  std::map<int, std::map<unsigned, int>> dmabufMappings;
+  android::base::unique_fd processInodeMapFd;
+  android::base::unique_fd processMmapInfosFd;
+  // 7. Names a process carries while it is still being set up.
+  std::set<std::string> provisionalCommNames;
+  // 8. Producer threads.
+  std::thread producerThread;
+  std::thread gplProducerThread;
+  // 9-11. IPC endpoint, spare queue, request dispatcher.
+  std::unique_ptr<UnixIpcManager> ipcManager;
+  std::unique_ptr<IpcPackageManager> packageManager;
+  std::unique_ptr<IpcPackageHandler> packageHandler;
+  // 12. One outgoing queue per client descriptor.
+  std::map<int, IpcPackageManager> packageManagers;
+
+  // Written by stop() so that monitors blocked in their poll wake up at once.
+  android::base::unique_fd stopEventFd;
+
+  static KavoBpfService* instance;
+};
+
+}  // namespace Kavo::Bpf

@@ -1,0 +1,89 @@
+#pragma once
+
+// EpollManager: one epoll instance and the one thread that waits on it and
+// calls the callbacks registered per descriptor. Other threads ask for
+// EPOLLOUT on a descriptor when they have something to send
+// (notifyWriteEventReady); the loop drops it again when the descriptor's write
+// callback reports -1 or -3 (nothing left). An eventfd wakes the loop for stop().
+//
+// Callback codes (also used by UnixIpcManager):
+//    0  handled          read: write handling of the same event follows
+//    1  new connection   read: no write handling for this event
+//   -1  failure          read: no write handling; write: EPOLLOUT cleared
+//   -2  closed           read: no write handling
+//   -3  nothing more     read: no write handling; write: EPOLLOUT cleared
+//
+// Threading: callbacks run on the loop thread, except that writeEventNow()
+// runs a write callback on the caller's thread (the callback locks per fd).
+// addMonitorFd() is called from the loop thread only (init function and
+// callbacks); notifyWriteEventReady/markWriteEventFinish/delMonitorFd and
+// stop() may be called from any thread.
+
+#include <sched.h>
+#include <stdint.h>
+#include <sys/epoll.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "utils/kavo_bpf_export.h"
+
+enum IpcCallbackResult : int {
+  IPC_CB_HANDLED = 0,
+  IPC_CB_NEW_CONNECTION = 1,
+  IPC_CB_FAILED = -1,
+  IPC_CB_CLOSED = -2,
+  IPC_CB_NOTHING_MORE = -3,
+};
+
+using EpollEventCallback = std::function<int(epoll_event)>;
+
+struct KAVO_EXPORT EpollCallback {
+  EpollEventCallback readCallback;
+  EpollEventCallback writeCallback;
+  EpollEventCallback closeCallback;
+  uint32_t events = 0;  // the mask currently registered, kept by the manager
+};
+
+class KAVO_EXPORT EpollManager {
+ public:
+  // size: epoll_create hint; maxEvents: events taken per wait; initFunc: run
+  // once on the loop thread before the first wait (non-zero = success);
+  // threadName: loop thread name and log tag ("BpfUtils" when null); cpus:
+  // CPUs of the loop thread; timeout: epoll_wait timeout in ms (-1: none).
+  EpollManager(int size, int maxEvents, std::function<int()> initFunc, const char* threadName,
+               cpu_set_t cpus, int timeout);
+  ~EpollManager();
+
+  EpollManager(const EpollManager&) = delete;
+  EpollManager& operator=(const EpollManager&) = delete;
+
+  void start();
+  void stop();
+
+  bool addMonitorFd(int fd, EpollCallback callback);
+  bool delMonitorFd(int fd);
+  bool notifyWriteEventReady(int fd);
+  bool markWriteEventFinish(int fd);
+  bool writeEventNow(int fd);
+
+ private:
+  void mainThread();
+
+  cpu_set_t cpuSet_;
+  const char* threadName_;
+  int eventCount_ = 0;
+  int controlFd_ = -1;
+  bool running_ = false;
+  std::mutex mutex_;
+  std::thread thread_;
+  int epollFd_ = -1;
+  int size_;
+  int timeout_;
+  std::vector<epoll_event> events_;
+  std::map<int, EpollCallback> callbacks_;
+  std::function<int()> initFunc_;
+};

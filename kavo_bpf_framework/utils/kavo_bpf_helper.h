@@ -1,0 +1,112 @@
+#pragma once
+
+// Free helpers of the service shared by every subsystem: the time base and
+// its clocks, small string utilities, and the attachment of pinned BPF
+// programs (single programs, a whole catalogue table, or a directory).
+//
+// Thread-safety: every function is re-entrant. The time base is written once
+// by InitBasetime() before any other service thread reads it.
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "utils/kavo_bpf_export.h"
+
+namespace Kavo::Bpf {
+
+// ---- Time base -------------------------------------------------------------
+
+// Seconds since the epoch at which the system booted ("btime" of /proc/stat).
+extern long long __basetime;
+
+// Reads the boot time into __basetime. True when /proc/stat could be opened,
+// even if it held no usable "btime " line (the base then stays as it was).
+KAVO_EXPORT bool InitBasetime();
+KAVO_EXPORT long long GetBasetime();
+
+// CLOCK_BOOTTIME in nanoseconds, deliberately computed in 32-bit signed
+// arithmetic and sign-extended: it wraps about every 4.29 s and is only good
+// for short differences. The BPF programs stamp records with the full 64-bit
+// boot time; do not compare the two.
+KAVO_EXPORT unsigned long long GetSystemBootNanosencondsTime();
+// (base + CLOCK_MONOTONIC seconds) in ns / us; 64-bit arithmetic.
+KAVO_EXPORT unsigned long long GetSystemNanosencondsTime();
+KAVO_EXPORT unsigned long long GetSystemMicrosencondsTime();
+// (base + seconds) in ms, from CLOCK_MONOTONIC when |monotonic|, else CLOCK_BOOTTIME.
+KAVO_EXPORT unsigned long long GetSystemMillisecondsTime(bool monotonic);
+// The service's seconds clock: base + CLOCK_BOOTTIME seconds.
+KAVO_EXPORT unsigned long long GetSystemSecondsTime();
+
+KAVO_EXPORT long long SubAbs(long long a, long long b);
+
+// ---- Strings ---------------------------------------------------------------
+
+// Target of the symbolic link |path| (at most 4095 bytes), or "" on failure.
+KAVO_EXPORT std::string ReadSymlink(const char* path);
+// Non-empty and only '0'..'9'.
+KAVO_EXPORT bool IsDigits(const std::string& s);
+// Two lower-case hex digits and a space per byte; "" for len <= 0.
+KAVO_EXPORT std::string ConvertToHexString(const char* data, int len);
+KAVO_EXPORT std::string StringPrintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// The non-empty pieces of |s| between occurrences of the whole |delim|.
+KAVO_EXPORT std::vector<std::string> Split(const std::string& s, const std::string& delim);
+// "major.minor[...]" as major * 1000 + minor. A missing minor counts as 0;
+// a non-numeric piece throws std::invalid_argument (std::stoi semantics).
+KAVO_EXPORT int convertVersionToInt(const std::string& v);
+// A handler-shaped placeholder that does nothing.
+KAVO_EXPORT void TestHandleEvent(char* data, long long size);
+
+// Parses a decimal integer the way strtoll does (leading blanks, optional
+// sign, digits up to the first other character). False, with |out| left
+// alone, when no digit follows or the value does not fit in 64 bits. The
+// /proc readers use it so that a damaged value skips a line instead of
+// throwing.
+bool ParseDecimal(std::string_view text, long long* out);
+// The same for an unsigned value; a leading '-' is rejected.
+bool ParseUnsignedDecimal(std::string_view text, unsigned long long* out);
+
+// ---- Program catalogue and attachment --------------------------------------
+
+// Object-set name -> attach kind (0 tracepoint, 1 kprobe, 2 kretprobe) ->
+// program descriptors {program name, category or function, event, kernel
+// compatibility}.
+using KavoBpfProgTable =
+    std::map<std::string, std::map<int, std::vector<std::vector<std::string>>>>;
+
+enum KavoBpfAttachKind : int {
+  KAVO_ATTACH_TRACEPOINT = 0,
+  KAVO_ATTACH_KPROBE = 1,
+  KAVO_ATTACH_KRETPROBE = 2,
+};
+
+// Whether "ro.kernel.version" satisfies a condition such as "5.0+", "5.10-",
+// "5.4-5.10" or "5.10".
+KAVO_EXPORT bool CheckBpfCompatibility(const std::string& condition);
+// True when |fileName| begins with "prog_".
+KAVO_EXPORT bool IsBpfProg(const std::string& fileName);
+
+KAVO_EXPORT int RetrieveProgramFd(const std::string& dir, const std::string& fileName);
+KAVO_EXPORT int RetrieveProgramFd(const std::string& dir, const std::string& set,
+                                  const std::string& type, const std::string& progName);
+
+KAVO_EXPORT int AttachTracepointProgram(const std::string& dir, const std::string& set,
+                                        const std::string& progName, const std::string& category,
+                                        const std::string& event);
+KAVO_EXPORT int AttachTracepointProgram(const std::string& dir, const std::string& fileName,
+                                        const std::string& category, const std::string& event);
+KAVO_EXPORT int AttachTracepointProgram(const std::string& dir, const std::string& set,
+                                        const std::string& progName);
+
+KAVO_EXPORT int AttachKProbeProgram(const std::string& dir, const std::string& set,
+                                    const std::string& progName, const std::string& functionName,
+                                    bool entry);
+KAVO_EXPORT int AttachKProbeProgram(const std::string& dir, const std::string& set,
+                                    const std::string& progName);
+
+// Both return the number of programs that failed to attach.
+KAVO_EXPORT int AttachAllKavoBpfProgram(const std::string& dir, const KavoBpfProgTable& table);
+KAVO_EXPORT int AttachAllKavoBpfProgram(const std::string& dir);
+
+}  // namespace Kavo::Bpf

@@ -1,0 +1,110 @@
+#pragma once
+
+// UnixIpcManager: one end of a Unix-domain stream socket, in one of two roles.
+//   server: listens on a named socket (abstract namespace unless init made
+//           it) and serves any number of clients;
+//   client: connects to such a server (file-system namespace first, then
+//           abstract) and reconnects, every 5 seconds without limit, when the
+//           server goes away.
+// It owns an EpollManager whose thread does all socket work, keeps one read
+// and one write BufferState per connection, and hands them to its owner
+// through the handlers of an IpcHandlerState: the owner's read handler parses
+// the read buffer, its write handler fills the write buffer, and the endpoint
+// moves the bytes. It knows nothing of what the bytes mean.
+//
+// A connection is identified by its socket descriptor everywhere.
+//
+// Threading: every callback runs on the loop thread, except the write path,
+// which any thread may drive through writeDataNow(); a per-connection write
+// lock serialises it. notifyNeedWriteData() may be called from any thread.
+
+#include <sched.h>
+#include <sys/epoll.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "utils/kavo_bpf_epoll_manager.h"
+#include "utils/kavo_bpf_export.h"
+#include "utils/kavo_bpf_ipc_buffer.h"
+
+struct KAVO_EXPORT IpcHandlerState {
+  // Before each receive, move the unread bytes of the read buffer to its start.
+  bool compactReadBuffer = false;
+  // Close and clean up a connection whose receive or read handler fails.
+  bool closeOnError = false;
+  // Carried along for the owner; the endpoint never reads it.
+  bool extraFlag = false;
+  // Consumes received bytes; -1 means failure.
+  std::function<int(int fd, BufferState* readBuffer)> readHandler;
+  // Appends bytes to send; -1 means failure.
+  std::function<int(int fd, BufferState* writeBuffer)> writeHandler;
+  // Told of each new connection.
+  std::function<int(int fd)> connectionHandler;
+  // Told of each connection closed through a hang-up.
+  std::function<int(int fd)> closeHandler;
+};
+
+class KAVO_EXPORT UnixIpcManager {
+ public:
+  // serverRole, per-connection buffer size (also SO_SNDBUF/SO_RCVBUF), socket
+  // name, handlers, loop thread name, loop CPUs, epoll size hint, events per wait.
+  UnixIpcManager(bool serverRole, int bufferSize, std::string socketName,
+                 IpcHandlerState handlers, const char* threadName, cpu_set_t cpus,
+                 int epollSize, int maxEvents);
+  // As above, with the loop thread on the caller's current CPUs.
+  UnixIpcManager(bool serverRole, int bufferSize, std::string socketName,
+                 IpcHandlerState handlers, const char* threadName, int epollSize, int maxEvents);
+  // As above, with the thread named "BpfUtils".
+  UnixIpcManager(bool serverRole, int bufferSize, std::string socketName,
+                 IpcHandlerState handlers, int epollSize, int maxEvents);
+  virtual ~UnixIpcManager();
+
+  UnixIpcManager(const UnixIpcManager&) = delete;
+  UnixIpcManager& operator=(const UnixIpcManager&) = delete;
+
+  // Run on the loop thread as its init function, and again on restarts.
+  virtual bool createServer();
+  virtual bool connect();
+  // Starts the loop thread; the socket is made or connected there.
+  virtual bool start();
+  // Stops the loop thread (does not join; the destructor does).
+  virtual bool stop();
+
+  // Drains the connection's write path on the caller's thread.
+  bool writeDataNow(int fd);
+  // Asks the loop for EPOLLOUT on fd: the write handler runs when it is writable.
+  bool notifyNeedWriteData(int fd);
+  // Sends the whole buffer (see the retry rule in the implementation).
+  bool ensureDataSend(int fd, BufferState* writeBuffer);
+
+  // The listening socket (server) or the connection to the server (client); -1 before.
+  int socketFd() const { return socketFd_; }
+
+  // Epoll callbacks of the listening socket and of a connection.
+  int onServerReadableCallback(epoll_event event);
+  int onServerCloseCallback(epoll_event event);
+  int onClientReadableCallback(epoll_event event);
+  int onCommWriteCallback(epoll_event event);
+  int onClientCloseCallback(epoll_event event);
+
+  bool allocateReadBufferForFd(int fd);
+  bool allocateWriteBufferForFd(int fd);
+  bool freeBufferForFd(int fd);
+
+ private:
+  std::string socketName_;
+  bool serverRole_;
+  std::mutex bufferMutex_;
+  int bufferSize_;
+  std::map<int, BufferState> readBuffers_;
+  std::map<int, BufferState> writeBuffers_;
+  std::map<int, std::unique_ptr<std::mutex>> writeLocks_;
+  std::unique_ptr<EpollManager> epollManager_;
+  IpcHandlerState handlers_;
+  int socketFd_ = -1;
+  const char* logTag_ = "BpfUtils";
+};

@@ -1,0 +1,22 @@
+#pragma once
+
+// Hand-made stand-ins for what the loader pins, for tests that need a ring
+// buffer or status map at the service's paths but no programs.
+
+#include <stdint.h>
+
+#include <string>
+
+namespace kavo::test {
+
+// Creates and pins, for both rings, a ring buffer and a status map (u32 key,
+// u64 value, 5 entries) at the service's paths. False with *why when the
+// kernel refuses.
+bool PinRingMaps(std::string* why);
+// Control word (key 0) of a pinned status map; -1 when it cannot be read.
+int64_t ReadControlWord(const std::string& statusMapPath);
+bool WriteControlWord(const std::string& statusMapPath, uint64_t word);
+// Names of the calling process's threads.
+std::string ThreadNames();
+
+}  // namespace kavo::test

@@ -1,0 +1,67 @@
+#pragma once
+
+// Runs a test body in a forked child inside private mount and network
+// namespaces, so that the service's fixed paths and socket name are private to
+// the test and tests can run in parallel:
+//
+//   /data              tmpfs (created on the host first if it does not exist)
+//   /mnt               tmpfs
+//   /sys/fs/bpf        a fresh bpffs instance
+//   /sys/kernel/tracing tracefs
+//   /proc              optionally a tmpfs the body fills with a made-up tree
+//
+// GoogleTest results of the body (failures, skips) are reported to the parent
+// test with their file and line; a child that crashes, aborts or hangs past
+// its timeout fails the parent test.
+//
+//   TEST(Foo, Bar) {
+//     kavo::test::RunInNamespace([] {
+//       EXPECT_EQ(0, mkdir("/data/kavolog", 0775));
+//     });
+//   }
+
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace kavo::test {
+
+struct NamespaceOptions {
+  // Mount an empty tmpfs over /proc; the body writes the process tree.
+  bool fakeProc = false;
+  // The child is killed and the test fails after this long.
+  int timeoutSeconds = 120;
+};
+
+void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& options = {});
+
+// Options with an empty tmpfs over /proc.
+inline NamespaceOptions FakeProc() {
+  NamespaceOptions options;
+  options.fakeProc = true;
+  return options;
+}
+
+// True when KAVO_REQUIRE_KERNEL=1: a test that would skip because the kernel
+// refused fails instead.
+bool KernelRequired();
+
+// Writes |content| to |path|, creating missing parent directories.
+void WriteFile(const std::string& path, const std::string& content);
+// The whole file, or "" when it cannot be read.
+std::string ReadFile(const std::string& path);
+// Whether the path exists.
+bool PathExists(const std::string& path);
+
+}  // namespace kavo::test
+
+// Skips the current test because the kernel refused something, or fails it
+// when KAVO_REQUIRE_KERNEL=1. Use inside a TEST body or a RunInNamespace body.
+#define KAVO_KERNEL_SKIP(why)                                             \
+  do {                                                                    \
+    if (::kavo::test::KernelRequired()) {                                 \
+      FAIL() << "kernel refused and KAVO_REQUIRE_KERNEL=1: " << (why);    \
+    }                                                                     \
+    GTEST_SKIP() << "kernel refused: " << (why);                          \
+  } while (0)

@@ -1,0 +1,59 @@
+#pragma once
+
+// Starting the project's tools (and other commands) from tests.
+//
+//   auto loader = kavo::test::RunCommand({kavo::test::ToolPath("kavobpf_loader")});
+//   EXPECT_EQ(0, loader.exitCode) << loader.output;
+//
+//   kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd")});
+//   daemon.Signal(SIGTERM);
+//   int status;
+//   EXPECT_TRUE(daemon.WaitExit(std::chrono::seconds(2), &status));
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace kavo::test {
+
+// Absolute path of a tool built by this project.
+std::string ToolPath(const std::string& name);
+
+struct CommandResult {
+  int exitCode = -1;    // -1 when it did not exit normally
+  int termSignal = 0;   // the signal that ended it, if any
+  bool timedOut = false;
+  std::string output;   // stdout and stderr together
+};
+
+// Runs |argv| to its end (killed after |timeoutSeconds|), capturing its output.
+CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds = 60);
+
+// A command running in the background; killed and reaped when destroyed.
+// Its stdout and stderr go to a file that Output() reads.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& argv);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool Signal(int sig);
+  // True when the process ended within |timeout|; *status is its wait status.
+  bool WaitExit(std::chrono::milliseconds timeout, int* status);
+  // Everything it printed so far.
+  std::string Output() const;
+  // Waits until its output contains |needle|.
+  bool WaitForOutput(const std::string& needle,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+ private:
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+  std::string outputPath_;
+};
+
+}  // namespace kavo::test

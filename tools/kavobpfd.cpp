@@ -1,0 +1,158 @@
+// kavobpfd: the Linux host process of libkavobpfservice.so. It plays the part
+// of the platform around the library: it sets system properties in-process,
+// reports the kernel side ready once the loader has pinned both ring buffers,
+// starts the service and stops it cleanly on SIGINT or SIGTERM.
+
+#include <android-base/properties.h>
+#include <getopt.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <thread>
+
+#include "service/kavo_bpf_service.h"
+
+namespace {
+
+using Kavo::Bpf::KavoBpfService;
+
+constexpr char kReadyProperty[] = "sys.kavo_bpf_ready";
+constexpr char kKernelVersionProperty[] = "ro.kernel.version";
+// After a stop request the process is gone within this time, whatever the
+// service threads are doing.
+constexpr int kExitDeadlineMs = 1800;
+
+void PrintUsage(FILE* out) {
+  fprintf(out,
+          "Usage: kavobpfd [--prop NAME=VALUE]... [--help]\n"
+          "\n"
+          "Hosts the KAVO BPF service (libkavobpfservice.so) on Linux: attaches the\n"
+          "programs pinned under /sys/fs/bpf/kavo/, consumes their ring buffers and\n"
+          "serves clients on the socket /mnt/bpfframework/kavobpfdispatcher.\n"
+          "Stops on SIGINT or SIGTERM and exits 0.\n"
+          "\n"
+          "Options:\n"
+          "  --prop NAME=VALUE  set a system property before the service starts; may be\n"
+          "                     repeated. Useful names:\n"
+          "                       persist.sys.stability.bpfframework.disable  \"1\" disables\n"
+          "                       ro.kernel.version   default: major.minor of the running\n"
+          "                                           kernel (uname)\n"
+          "                       sys.kavo_bpf_ready  default: set to \"1\" once both ring\n"
+          "                                           buffers are pinned (checked every\n"
+          "                                           second); give \"0\" to hold the service\n"
+          "                                           before attaching\n"
+          "  --help             show this text and exit\n");
+}
+
+[[noreturn]] void UsageError(const std::string& message) {
+  fprintf(stderr, "kavobpfd: %s (see --help)\n", message.c_str());
+  exit(2);
+}
+
+std::string RunningKernelVersion() {
+  struct utsname uts;
+  if (uname(&uts) != 0) return "0.0";
+  std::string release(uts.release);
+  size_t first = release.find('.');
+  if (first == std::string::npos) return release;
+  size_t end = release.find_first_not_of("0123456789", first + 1);
+  return release.substr(0, end);
+}
+
+bool RingBuffersPinned() {
+  struct stat st;
+  for (const std::string& path : KavoBpfService::RINGBUF_MAP_PATH) {
+    if (stat(path.c_str(), &st) != 0) return false;
+  }
+  return true;
+}
+
+[[noreturn]] void ExitNow(int code) {
+  fflush(stdout);
+  fflush(stderr);
+  _exit(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::map<std::string, std::string> properties;
+  static const struct option kOptions[] = {
+      {"prop", required_argument, nullptr, 'p'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  opterr = 0;
+  int opt;
+  while ((opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+    switch (opt) {
+      case 'p': {
+        std::string assignment(optarg);
+        size_t eq = assignment.find('=');
+        if (eq == 0 || eq == std::string::npos) {
+          UsageError("--prop needs NAME=VALUE, got '" + assignment + "'");
+        }
+        properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
+        break;
+      }
+      case 'h':
+        PrintUsage(stdout);
+        return 0;
+      case '?':
+        if (optopt == 'p') UsageError("--prop needs NAME=VALUE");
+        UsageError(std::string("unknown option '") + argv[optind - 1] + "'");
+      default:
+        UsageError("bad arguments");
+    }
+  }
+  if (optind < argc) UsageError(std::string("unexpected argument '") + argv[optind] + "'");
+
+  if (properties.count(kKernelVersionProperty) == 0) {
+    properties[kKernelVersionProperty] = RunningKernelVersion();
+  }
+  bool signalReady = properties.count(kReadyProperty) == 0;
+  if (signalReady) properties[kReadyProperty] = "0";
+  for (const auto& [name, value] : properties) android::base::SetProperty(name, value);
+
+  // Every thread the service starts inherits this mask, so the stop signals
+  // reach this thread alone, through sigtimedwait.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  if (!Kavo::Bpf::BpfServiceMain()) {
+    fprintf(stderr, "kavobpfd: the service is disabled by property\n");
+    return 0;
+  }
+
+  while (true) {
+    if (signalReady && RingBuffersPinned()) {
+      android::base::SetProperty(kReadyProperty, "1");
+      signalReady = false;
+    }
+    struct timespec oneSecond = {1, 0};
+    int sig = sigtimedwait(&stopSignals, nullptr, &oneSecond);
+    if (sig == SIGINT || sig == SIGTERM) break;
+  }
+
+  // Monitors blocked in a poll or a start-up step still under way must not
+  // keep the process alive past its deadline.
+  std::thread([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(kExitDeadlineMs));
+    fprintf(stderr, "kavobpfd: service threads still busy, exiting anyway\n");
+    ExitNow(0);
+  }).detach();
+  KavoBpfService* service = KavoBpfService::GetInstance();
+  service->stop();
+  service->Wait();
+  ExitNow(0);
+}
