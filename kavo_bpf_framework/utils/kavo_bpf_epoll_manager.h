@@ -15,16 +15,21 @@
 //
 // Threading: callbacks run on the loop thread, except that writeEventNow()
 // runs a write callback on the caller's thread (the callback locks per fd).
-// addMonitorFd() is called from the loop thread only (init function and
-// callbacks); notifyWriteEventReady/markWriteEventFinish/delMonitorFd and
-// stop() may be called from any thread.
+// Every public function may be called from any thread; the fd table is
+// guarded by one mutex, and callbacks are called outside it, so a callback
+// may add or remove fds. fds are normally added on the loop thread (the init
+// function and the callbacks).
 
 #include <sched.h>
 #include <stdint.h>
 #include <sys/epoll.h>
 
+#include <android-base/unique_fd.h>
+
+#include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -71,19 +76,37 @@ class KAVO_EXPORT EpollManager {
   bool writeEventNow(int fd);
 
  private:
+  // One monitored fd. The callbacks are shared so that the loop and
+  // writeEventNow() can call them outside the mutex while other threads
+  // change the table; writeRequests counts notifyWriteEventReady() calls so
+  // that the loop does not clear EPOLLOUT that was asked for again while the
+  // write callback ran.
+  struct Registration {
+    std::shared_ptr<const EpollCallback> callbacks;
+    uint32_t events = 0;
+    uint64_t writeRequests = 0;
+  };
+
   void mainThread();
+  void dispatch(const epoll_event& event);
+  // The fd's callbacks (null when none) and its write-request count. With
+  // |create| an unknown fd gets an empty entry, as the loop's lookups do.
+  std::shared_ptr<const EpollCallback> lookup(int fd, bool create, uint64_t* writeRequests);
+  // EPOLLOUT on (|want|) or off for fd; |op| names the caller in log lines.
+  // With |seenRequests|, EPOLLOUT stays on when more writes were asked for.
+  bool changeWriteInterest(int fd, bool want, const char* op, const uint64_t* seenRequests);
 
   cpu_set_t cpuSet_;
   const char* threadName_;
   int eventCount_ = 0;
-  int controlFd_ = -1;
-  bool running_ = false;
+  android::base::unique_fd controlFd_;
+  std::atomic<bool> running_{false};
   std::mutex mutex_;
   std::thread thread_;
-  int epollFd_ = -1;
+  android::base::unique_fd epollFd_;
   int size_;
   int timeout_;
   std::vector<epoll_event> events_;
-  std::map<int, EpollCallback> callbacks_;
+  std::map<int, Registration> callbacks_;  // guarded by mutex_
   std::function<int()> initFunc_;
 };

@@ -45,18 +45,21 @@ struct KAVO_EXPORT BufferState {
   void resetCursors() { bufferCursor = bufferDataCursor = 0; }
 
   // Checked read: a pointer to the next |n| bytes, consumed; null (nothing
-  // consumed) when fewer than |n| bytes are buffered.
+  // consumed) when fewer than |n| bytes are buffered, or when the cursors ran
+  // past the storage (a broken buffer is never read outside its bytes).
   char* read(size_t n) {
-    if (n > buffer.size() || bufferCursor + n > bufferDataCursor) return nullptr;
+    if (n > buffer.size() || bufferDataCursor > buffer.size() || bufferCursor + n > bufferDataCursor) {
+      return nullptr;
+    }
     char* p = buffer.data() + bufferCursor;
     bufferCursor += n;
     return p;
   }
 
   // Checked append at the end of the data; false (nothing written) when the
-  // bytes do not fit.
+  // bytes do not fit, or when the data cursor ran past the storage.
   bool write(const void* bytes, size_t n) {
-    if (n > freeRoom()) return false;
+    if (bufferDataCursor > buffer.size() || n > freeRoom()) return false;
     if (n != 0) memcpy(buffer.data() + bufferDataCursor, bytes, n);
     bufferDataCursor += n;
     return true;

@@ -29,6 +29,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -122,7 +123,13 @@ class KAVO_EXPORT IpcPackageManager {
   size_t getIpcPackageCount() const;
 
  private:
+  // Queues a built package, trimming a runaway queue first; |errorCode| and
+  // |logFormat| name the operation in the error record and the log line.
+  void enqueue(KavoIpcPackage package, int errorCode, const char* logFormat);
+
   std::mutex mutex_;
   std::deque<KavoIpcPackage> queue_;
   std::condition_variable cond_;
+  // queue_.size(), kept for the readers that do not take the mutex.
+  std::atomic<size_t> count_{0};
 };

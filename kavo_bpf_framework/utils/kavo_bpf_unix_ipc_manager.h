@@ -12,7 +12,19 @@
 // the read buffer, its write handler fills the write buffer, and the endpoint
 // moves the bytes. It knows nothing of what the bytes mean.
 //
-// A connection is identified by its socket descriptor everywhere.
+// A connection is identified by its socket descriptor everywhere. The
+// endpoint owns its socket and its connections: a connection is closed on
+// hang-up, and what is still open is closed when the endpoint is destroyed.
+// Neither stop() nor a lost server closes anything else.
+//
+// Per connection: a read buffer the receive fills and the read handler
+// consumes, and a write buffer the write handler fills and the send drains:
+//
+//   read   |.. consumed ..|c|  unread frames  |d|  recv() appends here  |N
+//   write  |.. sent ......|c|  unsent         |d|  handler appends here |N
+//
+// A send that finds the socket full 10 times, and once more after a second,
+// drops the unsent bytes (error-log code 1); the connection stays open.
 //
 // Threading: every callback runs on the loop thread, except the write path,
 // which any thread may drive through writeDataNow(); a per-connection write
@@ -21,10 +33,13 @@
 #include <sched.h>
 #include <sys/epoll.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "utils/kavo_bpf_epoll_manager.h"
@@ -96,15 +111,40 @@ class KAVO_EXPORT UnixIpcManager {
   bool freeBufferForFd(int fd);
 
  private:
+  // The connection's epoll callbacks, with its buffers allocated.
+  EpollCallback prepareConnection(int fd);
+  // Registers a prepared connection with the loop and tells the owner.
+  void registerConnection(int fd, EpollCallback callbacks);
+  // SO_SNDBUF and SO_RCVBUF to the buffer size; |loggedFd| names it on failure.
+  void setSocketBufferSizes(int fd, int loggedFd);
+  // Removes fd from the loop and closes it; false (logged) when close failed.
+  bool unregisterAndClose(int fd);
+  // Closes a connection whose receive or read handler failed; the client
+  // role reconnects when it was the connection to the server.
+  int closeAfterFailure(int fd, const char* lostFormat, const char* reconnectFailedFormat);
+  // The fd's write lock, created if absent; shared so that it outlives its
+  // table entry while a writer still holds it.
+  std::shared_ptr<std::mutex> writeLockFor(int fd);
+  // Waits out the reconnect period; false when stop() came first.
+  bool waitBeforeReconnect();
+  void interruptReconnect();
+
   std::string socketName_;
   bool serverRole_;
-  std::mutex bufferMutex_;
+  std::mutex bufferMutex_;  // read buffers and the connection set
   int bufferSize_;
   std::map<int, BufferState> readBuffers_;
   std::map<int, BufferState> writeBuffers_;
-  std::map<int, std::unique_ptr<std::mutex>> writeLocks_;
+  std::map<int, std::shared_ptr<std::mutex>> writeLocks_;
+  // Guards the write-buffer and write-lock tables for lookups from any
+  // thread; held only briefly and never while waiting for another lock.
+  std::mutex writeTableMutex_;
+  std::set<int> connections_;  // closed with the endpoint
   std::unique_ptr<EpollManager> epollManager_;
   IpcHandlerState handlers_;
-  int socketFd_ = -1;
+  std::atomic<int> socketFd_{-1};
   const char* logTag_ = "BpfUtils";
+  std::mutex stopMutex_;
+  std::condition_variable stopCondition_;
+  bool stopping_ = false;  // guarded by stopMutex_
 };

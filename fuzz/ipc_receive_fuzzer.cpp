@@ -1,0 +1,238 @@
+// Fuzzes the receive path of one connection: the completeness check of
+// first-level frames, the split of a read buffer into frames, and the
+// dispatch of second-level packages to a handler map (requests, responses
+// through IpcReqCallBackManager, an ignored type and an unknown one).
+//
+// Input: byte 0 picks the read buffer size. Pass 1 takes the rest as raw
+// bytes in a buffer and walks it with CheckIpcPackageComplete and read(),
+// so any garbage, damaged sizes included, reaches the framing. Pass 2 reads
+// the rest as a list of items that make up a byte stream:
+//
+//   op % 4 == 0  a frame:        type (0..4), body length, body bytes
+//   op % 4 == 1  a short frame:  0..7 body bytes, no room for a header
+//   op % 4 == 2  a damaged size: too big for the buffer, or wrapping
+//   op % 4 == 3  a receive size: how many bytes the next receive takes
+//
+// and feeds the stream the way the endpoint does: compaction, one receive of
+// the chosen size, then handleAllIpcPackageInBuffer. Handlers read every byte
+// they are given, so a read past a package shows under AddressSanitizer.
+//
+// The fatal checks of the dispatch (a second-level size that disagrees with
+// its frame; a header that cannot be read after the completeness check) would
+// stop the search at the first random frame, so they are avoided by
+// construction: every generated frame carries a second-level size that agrees
+// with its length, and after the read buffer was dropped (a damaged size, or
+// a handler's -1 closing the connection) the stream resumes at the next item
+// boundary, as a client that reconnects would, never in the middle of a frame.
+// Error-log records of damaged frames go to a private tmpfs over /data.
+
+#include <android/log.h>
+#include <errno.h>
+#include <sched.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "utils/kavo_bpf_ipc_helper.h"
+
+namespace {
+
+constexpr size_t kBufferSizes[] = {16, 64, 300, 4096, 32768};
+
+// Reads the input front to back; past its end it yields zeros.
+class Input {
+ public:
+  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  bool empty() const { return at_ >= size_; }
+  uint8_t Byte() { return at_ < size_ ? data_[at_++] : 0; }
+  uint32_t U16() { return Byte() | (static_cast<uint32_t>(Byte()) << 8); }
+  uint32_t U32() { return U16() | (U16() << 16); }
+  std::string Bytes(size_t n) {
+    std::string out(n, '\0');
+    for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>(Byte());
+    return out;
+  }
+  const uint8_t* rest() const { return data_ + std::min(at_, size_); }
+  size_t restSize() const { return size_ - std::min(at_, size_); }
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+  size_t at_ = 0;
+};
+
+void Put32(std::string* out, uint32_t value) {
+  out->append(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+// Touches every byte, so that an out-of-bounds range faults under ASan.
+volatile uint32_t gSink;
+void Touch(const char* data, size_t size) {
+  uint32_t sum = 0;
+  for (size_t i = 0; i < size; ++i) sum += static_cast<uint8_t>(data[i]);
+  gSink = sum;
+}
+
+// Pass 1: raw bytes straight into the framing.
+void WalkRawFrames(const uint8_t* data, size_t size, size_t bufferSize) {
+  BufferState buffer;
+  buffer.buffer.assign(bufferSize, 0);
+  const size_t taken = std::min(size, bufferSize);
+  if (taken != 0) memcpy(buffer.data(), data, taken);
+  buffer.bufferDataCursor = taken;
+  unsigned headerSize = 0;
+  unsigned packageSize = 0;
+  while (CheckIpcPackageComplete(&buffer, &headerSize, &packageSize)) {
+    if (buffer.read(headerSize) == nullptr) abort();  // the check promised it
+    const char* body = buffer.read(packageSize);
+    if (body == nullptr) abort();
+    Touch(body, packageSize);
+  }
+}
+
+struct Stream {
+  std::string bytes;
+  std::vector<size_t> boundaries;  // where each item starts
+  std::vector<size_t> receives;    // sizes of the receives, in turn
+};
+
+Stream BuildStream(Input* input, size_t bufferSize) {
+  Stream stream;
+  while (!input->empty()) {
+    const uint8_t op = input->Byte();
+    stream.boundaries.push_back(stream.bytes.size());
+    switch (op % 4) {
+      case 0: {
+        const uint32_t type = input->Byte() % 5;
+        const size_t length = input->U16() % (bufferSize - 12 + 1);
+        Put32(&stream.bytes, static_cast<uint32_t>(length + 8));
+        Put32(&stream.bytes, type);
+        Put32(&stream.bytes, static_cast<uint32_t>(length));
+        stream.bytes += input->Bytes(length);
+        break;
+      }
+      case 1: {
+        const size_t length = input->Byte() % 8;
+        Put32(&stream.bytes, static_cast<uint32_t>(length));
+        stream.bytes += input->Bytes(length);
+        break;
+      }
+      case 2: {
+        const uint32_t tooBig = static_cast<uint32_t>(bufferSize) - 3;
+        const uint32_t pick = input->U32();
+        Put32(&stream.bytes, pick >= tooBig ? pick : tooBig + pick % 8);
+        break;
+      }
+      default:
+        stream.boundaries.pop_back();
+        stream.receives.push_back(1 + input->U16() % bufferSize);
+        break;
+    }
+  }
+  stream.boundaries.push_back(stream.bytes.size());
+  return stream;
+}
+
+// Pass 2: the stream through the endpoint's receive steps and the dispatch.
+void FeedStream(const Stream& stream, size_t bufferSize) {
+  IpcReqCallBackManager callbacks;
+  for (unsigned reqId = 0; reqId < 4; ++reqId) {
+    callbacks.addIpcReqCallBack(reqId, [](unsigned, int, char* data, unsigned dataSize) {
+      Touch(data, dataSize);
+      return 0;
+    });
+  }
+  std::map<unsigned, IpcPackageHandlerFunc> handlers = {
+      {KAVO_IPC_REQUEST,
+       [](int, char* body, unsigned size) {
+         Touch(body, size);
+         // A request the owner refuses: the connection is closed.
+         return size > 0 && static_cast<uint8_t>(body[0]) == 0xEE ? -1 : 0;
+       }},
+      {KAVO_IPC_RESPONSE,
+       [&callbacks](int, char* body, unsigned size) {
+         // What a client library must check before trusting dataSize.
+         KavoRespIpcPackageHeader header;
+         if (size < sizeof(header)) return 0;
+         memcpy(&header, body, sizeof(header));
+         if (header.dataSize > size - sizeof(header)) return 0;
+         callbacks.handleReqCallBack(reinterpret_cast<const KavoRespIpcPackageHeader*>(body));
+         return 0;
+       }},
+      {KAVO_IPC_RESERVED, nullptr},
+      {KAVO_IPC_RAW_EVENT,
+       [](int, char* body, unsigned size) {
+         Touch(body, size);
+         return 0;
+       }},
+  };
+  IpcPackageHandler handler(handlers);
+
+  BufferState buffer;
+  buffer.buffer.assign(bufferSize, 0);
+  size_t position = 0;
+  size_t turn = 0;
+  while (position < stream.bytes.size()) {
+    // Compaction, as the service's endpoint does before each receive.
+    const size_t unread = buffer.bufferDataCursor - buffer.bufferCursor;
+    memmove(buffer.data(), buffer.data() + buffer.bufferCursor, unread);
+    buffer.bufferCursor = 0;
+    buffer.bufferDataCursor = unread;
+    if (buffer.bufferDataCursor == buffer.size()) {
+      // A full buffer is emptied (no whole frame is ever left in it, so this
+      // does not happen; if it did, the stream resumes at an item boundary).
+      buffer.resetCursors();
+      position = *std::lower_bound(stream.boundaries.begin(), stream.boundaries.end(), position);
+      if (position >= stream.bytes.size()) break;
+    }
+
+    size_t want = stream.receives.empty() ? bufferSize : stream.receives[turn++ % stream.receives.size()];
+    want = std::min({want, buffer.size() - buffer.bufferDataCursor, stream.bytes.size() - position});
+    memcpy(buffer.data() + buffer.bufferDataCursor, stream.bytes.data() + position, want);
+    buffer.bufferDataCursor += want;
+    position += want;
+
+    const size_t before = buffer.bufferDataCursor;
+    const bool failed = handler.handleAllIpcPackageInBuffer(7, &buffer) == 0;
+    const bool dropped = before != 0 && buffer.bufferDataCursor == 0;
+    if (failed || dropped) {
+      // The buffered bytes are gone; start again at the next whole item.
+      buffer.resetCursors();
+      position = *std::lower_bound(stream.boundaries.begin(), stream.boundaries.end(), position);
+    }
+  }
+}
+
+// Keeps the log quiet except for what ends the process.
+void QuietLogger(const struct __android_logger_data* data, const char* message) {
+  if (data->priority >= ANDROID_LOG_FATAL) __android_log_stderr_logger(data, message);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  __android_log_set_logger(QuietLogger);
+  // Damaged frames write the error log under /data: keep that private.
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/data", "tmpfs", 0, "mode=0755") != 0) {
+    fprintf(stderr, "ipc_receive_fuzzer: no private /data (%s); error-log records may be written\n",
+            strerror(errno));
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Input input(data, size);
+  const size_t bufferSize = kBufferSizes[input.Byte() % (sizeof(kBufferSizes) / sizeof(kBufferSizes[0]))];
+  WalkRawFrames(input.rest(), input.restSize(), bufferSize);
+  Stream stream = BuildStream(&input, bufferSize);
+  FeedStream(stream, bufferSize);
+  return 0;
+}
