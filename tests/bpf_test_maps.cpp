@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include <android-base/unique_fd.h>
 
 #include "ns_harness.h"
@@ -55,6 +57,66 @@ bool WriteControlWord(const std::string& statusMapPath, uint64_t word) {
   android::base::unique_fd fd(bpf_obj_get(statusMapPath.c_str()));
   uint32_t key = 0;
   return fd.get() >= 0 && bpf_map_update_elem(fd.get(), &key, &word, 0) == 0;
+}
+
+namespace {
+
+struct bpf_insn Insn(uint8_t code, uint8_t dst, uint8_t src, int16_t off, int32_t imm) {
+  struct bpf_insn insn = {};
+  insn.code = code;
+  insn.dst_reg = dst & 0xf;
+  insn.src_reg = src & 0xf;
+  insn.off = off;
+  insn.imm = imm;
+  return insn;
+}
+
+}  // namespace
+
+bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
+                      uint32_t size) {
+  android::base::unique_fd ring(bpf_obj_get(ringMapPath.c_str()));
+  if (ring.get() < 0) {
+    *why = "bpf_obj_get " + ringMapPath + ": " + strerror(errno);
+    return false;
+  }
+  size = size < 16 ? 16 : (size + 7) / 8 * 8;
+  if (size > 256) size = 256;
+  // Zero the record on the stack, put the type in, and hand it to
+  // bpf_ringbuf_output(ring, record, size, 0).
+  std::vector<struct bpf_insn> prog;
+  int16_t base = static_cast<int16_t>(-static_cast<int>(size));
+  for (uint32_t at = 0; at < size; at += 8) {
+    prog.push_back(Insn(BPF_ST | BPF_MEM | BPF_DW, BPF_REG_10, 0, static_cast<int16_t>(base + at), 0));
+  }
+  prog.push_back(Insn(BPF_ST | BPF_MEM | BPF_W, BPF_REG_10, 0, base, static_cast<int32_t>(type)));
+  prog.push_back(Insn(BPF_LD | BPF_DW | BPF_IMM, BPF_REG_1, BPF_PSEUDO_MAP_FD, 0, ring.get()));
+  prog.push_back(Insn(0, 0, 0, 0, 0));
+  prog.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_2, BPF_REG_10, 0, 0));
+  prog.push_back(Insn(BPF_ALU64 | BPF_ADD | BPF_K, BPF_REG_2, 0, 0, base));
+  prog.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_3, 0, 0, static_cast<int32_t>(size)));
+  prog.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_4, 0, 0, 0));
+  prog.push_back(Insn(BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_ringbuf_output));
+  prog.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0));
+  prog.push_back(Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0));
+
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_test_write", "GPL",
+                                            prog.data(), prog.size(), nullptr));
+  if (fd.get() < 0) {
+    *why = std::string("loading the record writer: ") + strerror(errno);
+    return false;
+  }
+  char packet[64] = {};
+  struct bpf_test_run_opts run = {};
+  run.sz = sizeof(run);
+  run.data_in = packet;
+  run.data_size_in = sizeof(packet);
+  run.repeat = static_cast<__u32>(count);
+  if (bpf_prog_test_run_opts(fd.get(), &run) != 0) {
+    *why = std::string("running the record writer: ") + strerror(errno);
+    return false;
+  }
+  return true;
 }
 
 std::string ThreadNames() {

@@ -16,6 +16,13 @@ bool PinRingMaps(std::string* why);
 // Control word (key 0) of a pinned status map; -1 when it cannot be read.
 int64_t ReadControlWord(const std::string& statusMapPath);
 bool WriteControlWord(const std::string& statusMapPath, uint64_t word);
+// Has the kernel write |count| records of |size| bytes (at least 16, header
+// only: u32 |type|, zero padding and time) into the ring buffer pinned at
+// |ringMapPath|, through a small program run with BPF_PROG_TEST_RUN: records
+// no real program would write (type 9, say). False with *why when the kernel
+// refuses.
+bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
+                      uint32_t size = 16);
 // Names of the calling process's threads.
 std::string ThreadNames();
 

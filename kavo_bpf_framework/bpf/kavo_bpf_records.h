@@ -116,11 +116,11 @@ struct kavo_exit_event {
 /* Type 4: a dma-buf was set up (exported); its size is known from now on. */
 struct kavo_dmabuf_size_event {
   struct kavo_event_header header;
-  __s32 pid; /* the exporting process */
+  __s32 pid; /* the exporting process, which is charged with the buffer */
   __u32 reserved;
   __u64 inode;
   __s64 size;
-  __s64 process_total; /* the process's dma-buf total after the change */
+  __s64 process_total; /* bytes charged to the process (dmabuf_size_map) after it */
   char comm[KAVO_COMM_LEN];
 };
 
@@ -140,12 +140,17 @@ struct kavo_fd_update_event {
   struct kavo_event_header header;
   __s32 pid;
   __u32 reserved;
-  __u64 fd_count;
+  __u64 fd_count;          /* counted from the process's descriptor table */
   __u64 reported_fd_count; /* the count at the previous report */
   char comm[KAVO_COMM_LEN];
 };
 
-/* Type 7: a process attached, mapped or released a dma-buf. */
+/* Type 7: a process attached or mapped a dma-buf, a buffer was freed, or a
+ * process that used dma-bufs ended. pid is the process concerned (for a
+ * release the one charged with the buffer; comm is only filled in when it is
+ * the current process); process_total is its dmabuf_perprocess_size_map total
+ * after the change. A process exit has inode 0, size = the bytes it still
+ * used, total 0. */
 enum kavo_dmabuf_action {
   KAVO_DMABUF_ATTACH = 1,
   KAVO_DMABUF_VMAP = 2,
@@ -245,17 +250,19 @@ struct kavo_process_inode_key {
   __u32 reserved;
   __u64 inode;
 };
-/* process_inode_map value: descriptors of the process on the buffer. */
+/* process_inode_map value: the process uses the buffer (it exported,
+ * attached or mapped it); the buffer's bytes count once in the process's
+ * dmabuf_perprocess_size_map total however often it is used. */
 struct kavo_process_inode_info {
-  __s32 fd_count;
+  __s32 fd_count; /* uses seen */
   __u32 reserved;
-  __s64 size;
+  __s64 size;     /* the buffer's size */
 };
 /* process_mmap_infos value: mappings of the buffer in the process. */
 struct kavo_process_mmap_info {
   __s32 map_count;
   __u32 reserved;
-  __u64 last_start;
+  __u64 last_start; /* start address of the newest mapping */
 };
 
 KAVO_STATIC_ASSERT(sizeof(struct kavo_event_header) == 16, "record header");
@@ -292,5 +299,7 @@ KAVO_STATIC_ASSERT(KAVO_OFFSET(struct kavo_fd_info, comm) == 32, "fd map value")
 KAVO_STATIC_ASSERT(sizeof(struct kavo_dmabuf_buffer) == 16, "dmabuf buffer record");
 KAVO_STATIC_ASSERT(sizeof(struct dmabuf_stat) == 16, "dmabuf process record");
 KAVO_STATIC_ASSERT(sizeof(struct kavo_process_inode_key) == 16, "process inode key");
+KAVO_STATIC_ASSERT(sizeof(struct kavo_process_inode_info) == 16, "process inode value");
+KAVO_STATIC_ASSERT(sizeof(struct kavo_process_mmap_info) == 16, "process mmap value");
 
 #endif /* KAVO_BPF_RECORDS_H */

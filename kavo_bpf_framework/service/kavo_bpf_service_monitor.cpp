@@ -1,14 +1,228 @@
-// Ring monitors and dispatch: not built yet; the producer threads end here.
+// Ring monitors, the dispatch of raw records, and the ring status check.
+//
+// Each producer thread ends in monitorRing() for its ring: it opens the
+// pinned ring buffer and status map, switches the core producers on, seeds
+// state from /proc, switches the normal producers on, and polls until the
+// service stops. Records are dispatched on the polling thread, straight from
+// ring memory.
+//
+// Waking a monitor on stop: the poll waits without a time limit, so stop()
+// writes stopEventFd, which each monitor adds to its poller's epoll set. The
+// wake-up is edge-triggered, so each monitor sees one wake-up per write and a
+// restarted monitor is not kept spinning by a descriptor that stays readable.
+// libbpf takes an epoll event's data as the index of the ring to consume, so
+// the stop descriptor carries index 0, this poller's only ring: a wake-up
+// just consumes whatever that ring holds (usually nothing) and the poll
+// returns, after which the loop sees the cleared running flag.
 
+#include <android/log.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <time.h>
+
+#include <memory>
+
+#include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
+#include "service/kavo_bpf_signals.h"
+#include "service/kavo_bpf_state.h"
 
 namespace Kavo::Bpf {
 
+namespace {
+
+constexpr char kTag[] = "BpfService";
+constexpr const char* kMonitorNames[KavoBpfService::kRingCount] = {"eventMonitor",
+                                                                   "gpleventMonitor"};
+constexpr const char* kStopMessages[KavoBpfService::kRingCount] = {
+    "[KavoBpfService][eventMonitor] Stop Event Produce Thread...",
+    "[KavoBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
+};
+// The sixth failed poll in a row ends a monitor.
+constexpr int kMaxPollErrorsBeforeExit = 5;
+constexpr int kPollErrorPauseMs = 1000;
+constexpr time_t kStatusCheckPeriodSeconds = 30;
+
+// libbpf hands the size as size_t; records are far below 4 GiB.
+int OnRingSample(void* ctx, void* data, size_t size) {
+  return KavoBpfService::handleBpfRingBuffEvent(ctx, data, static_cast<unsigned int>(size));
+}
+
+struct RingBufferFree {
+  void operator()(struct ring_buffer* rb) const { ring_buffer__free(rb); }
+};
+using RingBufferPtr = std::unique_ptr<struct ring_buffer, RingBufferFree>;
+
+// A status-map value, or 0 when it cannot be read.
+uint64_t ReadStatus(int fd, uint32_t key) {
+  uint64_t value = 0;
+  if (bpf_map_lookup_elem(fd, &key, &value) != 0) return 0;
+  return value;
+}
+
+// Waits |ms| milliseconds, or less once the service was asked to stop.
+void PauseUnlessStopped(int stopFd, int ms) {
+  struct pollfd wake = {stopFd, POLLIN, 0};
+  poll(&wake, stopFd >= 0 ? 1 : 0, ms);
+}
+
+}  // namespace
+
 int KavoBpfService::eventMonitor() { return monitorRing(kRingDefineset); }
 int KavoBpfService::gpleventMonitor() { return monitorRing(kRingGplDefineset); }
-int KavoBpfService::monitorRing(int) { return -1; }
-int KavoBpfService::handleBpfRingBuffEvent(void*, void*, unsigned int) { return 0; }
-int KavoBpfService::handleBpfPassthrough(char*, long long) { return 0; }
-bool KavoBpfService::checkBpfRingBuffStatus(int, bool) { return true; }
+
+int KavoBpfService::monitorRing(int ring) {
+  const char* name = kMonitorNames[ring];
+  InstallDumpSignalHandlers();
+
+  android::base::unique_fd ringFd(bpf_obj_get(RINGBUF_MAP_PATH[ring].c_str()));
+  if (ringFd.get() < 0) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag,
+                        "[KavoBpfService][%s] KAVOBPF: get ringbuf failed: %s, map fd: %d", name,
+                        strerror(errno), ringFd.get());
+    errno = 0;
+    return -1;
+  }
+  int ringMapFd = ringFd.get();
+  {
+    std::lock_guard<std::mutex> guard(servicelock);
+    ringBufferFds[ring] = std::move(ringFd);
+  }
+  android::base::unique_fd statusFd(bpf_obj_get(RINGBUF_STATUS_PATH[ring].c_str()));
+  if (statusFd.get() < 0) {
+    __android_log_print(
+        ANDROID_LOG_ERROR, kTag,
+        "[KavoBpfService][%s] KAVOBPF: get ringbuf status map failed: %s, map fd: %d", name,
+        strerror(errno), statusFd.get());
+    errno = 0;
+    return -1;
+  }
+  {
+    std::lock_guard<std::mutex> guard(servicelock);
+    ringStatusFds[ring] = std::move(statusFd);
+  }
+
+  RingBufferPtr poller(ring_buffer__new(ringMapFd, OnRingSample, nullptr, nullptr));
+  if (!poller) {
+    __android_log_print(
+        ANDROID_LOG_ERROR, kTag,
+        "[KavoBpfService][%s] KAVOBPF: Set up ringbuf failed: %s, ringbufMap fd: %d", name,
+        strerror(errno), ringMapFd);
+    errno = 0;
+    return -1;
+  }
+  struct epoll_event wake = {};
+  wake.events = EPOLLIN | EPOLLET;
+  wake.data.fd = 0;  // the ring index libbpf will consume on this wake-up
+  if (epoll_ctl(ring_buffer__epoll_fd(poller.get()), EPOLL_CTL_ADD, stopEventFd.get(), &wake) !=
+      0) {
+    __android_log_print(
+        ANDROID_LOG_WARN, kTag,
+        "[KavoBpfService][%s] KAVOBPF: stop wake-up not watched, a stop waits for the next record: %s",
+        name, strerror(errno));
+  }
+
+  // Core producers first, so that no process born during the seeding is
+  // missed; records they write meanwhile wait in the ring.
+  enableCoreBpf(ring, true);
+  if (ring == kRingDefineset) {
+    initTaskInfo();
+  } else {
+    initDmabufBpfProg();
+  }
+  enableNormalBpf(ring, true);
+
+  int consecutiveErrors = 0;
+  while (true) {
+    if (!isRunning()) {
+      __android_log_print(ANDROID_LOG_WARN, kTag, "%s", kStopMessages[ring]);
+      return 0;
+    }
+    int result = ring_buffer__poll(poller.get(), -1);
+    if (result >= 0) {
+      KavoBpfDataState::GetInstance()->RecordEvent(KavoBpfDataState::kPollCounter, 1);
+      checkBpfRingBuffStatus(ring, false);
+      consecutiveErrors = 0;
+      continue;
+    }
+    int pollErrno = errno;
+    checkBpfRingBuffStatus(ring, true);
+    if (pollErrno == EINTR) continue;
+    __android_log_print(ANDROID_LOG_ERROR, kTag,
+                        "[KavoBpfService][%s] KAVOBPF: ret %d .Error ring buf poll. %s", name,
+                        result, strerror(pollErrno));
+    errno = 0;
+    PauseUnlessStopped(stopEventFd.get(), kPollErrorPauseMs);
+    if (consecutiveErrors >= kMaxPollErrorsBeforeExit) break;
+    ++consecutiveErrors;
+  }
+  return -1;
+}
+
+int KavoBpfService::handleBpfRingBuffEvent(void*, void* data, unsigned int size) {
+  if (data == nullptr || size < sizeof(uint32_t)) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "[KavoBpfService] handleEvent ERROR!!! Size: %u",
+                        size);
+    return -1;
+  }
+  char* record = static_cast<char*>(data);
+  uint32_t type;
+  memcpy(&type, record, sizeof(type));
+  // Counted before the range check; the state record ignores what it does not know.
+  KavoBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+  if (type > KAVO_EVENT_RAW_MAX) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "[KavoBpfService] handleEvent ERROR!!! Type: %u",
+                        type);
+    return -1;
+  }
+  EventManager::GetInstance()->AppendEvent(record, size);
+
+  KavoBpfService* service = GetInstance();
+  auto handler = service->eventHandlers.find(static_cast<int>(type));
+  if (handler == service->eventHandlers.end()) return 0;
+  return handler->second(record, static_cast<long long>(size));
+}
+
+int KavoBpfService::handleBpfPassthrough(char* data, long long size) {
+  EventManager::GetInstance()->AppendEvent(data, static_cast<unsigned>(size));
+  return 0;
+}
+
+bool KavoBpfService::checkBpfRingBuffStatus(int ring, bool force) {
+  if (ring < 0 || ring >= kRingCount) return false;
+  time_t now = time(nullptr);
+  if (!force &&
+      now - lastStatusCheckTime[ring].load(std::memory_order_relaxed) < kStatusCheckPeriodSeconds) {
+    return true;
+  }
+  lastStatusCheckTime[ring].store(now, std::memory_order_relaxed);
+  int statusFd;
+  {
+    std::lock_guard<std::mutex> guard(servicelock);
+    statusFd = ringStatusFds[ring].get();
+  }
+  uint64_t avail = ReadStatus(statusFd, KAVO_RING_STATUS_AVAIL_DATA);
+  uint64_t control = ReadStatus(statusFd, KAVO_RING_STATUS_CONTROL);
+  if ((control & KAVO_RING_FULL_BIT) == 0) return true;
+
+  __android_log_print(ANDROID_LOG_WARN, kTag,
+                      "[KavoBpfService][checkBpfRingBuffStatus] bpf ringbuff full!");
+  __android_log_print(
+      ANDROID_LOG_WARN, kTag,
+      "[KavoBpfService][checkBpfRingBuffStatus] avail data: %llu, ringbuf size: %llu, cons pos: %llu, prod pos: %llu",
+      static_cast<unsigned long long>(avail),
+      static_cast<unsigned long long>(ReadStatus(statusFd, KAVO_RING_STATUS_RING_SIZE)),
+      static_cast<unsigned long long>(ReadStatus(statusFd, KAVO_RING_STATUS_CONS_POS)),
+      static_cast<unsigned long long>(ReadStatus(statusFd, KAVO_RING_STATUS_PROD_POS)));
+  // Not under servicelock: a producer bit switched in this instant may be lost.
+  uint32_t key = KAVO_RING_STATUS_CONTROL;
+  uint64_t cleared = control & ~KAVO_RING_FULL_BIT;
+  bpf_map_update_elem(statusFd, &key, &cleared, 0);
+  return false;
+}
 
 }  // namespace Kavo::Bpf

@@ -1,0 +1,247 @@
+// ring_consume: how fast records leave a ring buffer, through the service's
+// monitor (ring_buffer__poll calling handleBpfRingBuffEvent, which counts,
+// forwards and runs the handlers) and through a bare libbpf consumer that
+// only counts them.
+//
+// Both consumers get the same kernel-made load: the real programs, pinned by
+// kavobpf_loader and attached, see a burst of forked children (fork, exit and
+// RSS records) while nobody consumes; then the producers are switched off and
+// the consumer drains the backlog against the clock. The monitor is timed
+// from the moment the ring's consumer position first moves until it passes
+// the backlog's end, so its start-up (opening maps, the /proc scan) is not
+// counted.
+//
+// Runs as root in private mount and network namespaces of its own (a fresh
+// bpffs for the pins). Usage: ring_consume [--forks N]
+
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bpf/kavo_bpf_records.h"
+#include "service/kavo_bpf_service.h"
+
+namespace {
+
+using Kavo::Bpf::KavoBpfService;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kRingSize[] = "67108864";
+constexpr uint64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
+
+[[noreturn]] void Die(const std::string& what) {
+  fprintf(stderr, "ring_consume: %s\n", what.c_str());
+  exit(1);
+}
+
+// Private mounts for /data, /mnt and the BPF file system, as the tests have.
+void EnterPrivateNamespaces() {
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) Die(std::string("unshare: ") + strerror(errno));
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Die("making / private");
+  mkdir("/data", 0755);
+  for (const char* dir : {"/data", "/mnt"}) {
+    if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755") != 0) Die(std::string("tmpfs on ") + dir);
+  }
+  if (mount("bpf", "/sys/fs/bpf", "bpf", 0, "mode=0700") != 0) Die("mounting bpffs");
+  mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr);
+}
+
+void RunLoader() {
+  std::string loader = std::string(KAVO_TOOLS_DIR) + "/kavobpf_loader";
+  pid_t pid = fork();
+  if (pid == 0) {
+    execl(loader.c_str(), loader.c_str(), "--ring-size", kRingSize, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) Die("kavobpf_loader failed");
+}
+
+std::string KernelVersion() {
+  struct utsname uts;
+  uname(&uts);
+  std::string release(uts.release);
+  size_t first = release.find('.');
+  return release.substr(0, release.find_first_not_of("0123456789", first + 1));
+}
+
+void SetProducers(uint64_t word) {
+  android::base::unique_fd fd(bpf_obj_get(KavoBpfService::RINGBUF_STATUS_PATH[0].c_str()));
+  uint32_t key = KAVO_RING_STATUS_CONTROL;
+  if (fd.get() < 0 || bpf_map_update_elem(fd.get(), &key, &word, 0) != 0)
+    Die("writing the control word");
+}
+
+uint64_t ControlWord() {
+  android::base::unique_fd fd(bpf_obj_get(KavoBpfService::RINGBUF_STATUS_PATH[0].c_str()));
+  uint32_t key = KAVO_RING_STATUS_CONTROL;
+  uint64_t word = 0;
+  bpf_map_lookup_elem(fd.get(), &key, &word);
+  return word;
+}
+
+// Forks |count| children that exit at once, with the producers on, then
+// switches them off again so the backlog stays as it is. Returns forks/s.
+double MakeBacklog(int count) {
+  SetProducers(kProducersOn);
+  auto start = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    pid_t child = fork();
+    if (child == 0) _exit(0);
+    if (child > 0) waitpid(child, nullptr, 0);
+  }
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  SetProducers(0);
+  if (ControlWord() & KAVO_RING_FULL_BIT) Die("the ring ran full; use fewer --forks");
+  return count / seconds;
+}
+
+// Read-only view of the ring's positions and data, as a consumer sees them.
+class RingView {
+ public:
+  RingView() {
+    fd_.reset(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
+    page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_ = strtoull(kRingSize, nullptr, 10);
+    consumer_ = mmap(nullptr, page_, PROT_READ, MAP_SHARED, fd_.get(), 0);
+    producer_ = mmap(nullptr, page_ + 2 * size_, PROT_READ, MAP_SHARED, fd_.get(), page_);
+    if (consumer_ == MAP_FAILED || producer_ == MAP_FAILED) Die("mapping the ring");
+  }
+  ~RingView() {
+    munmap(consumer_, page_);
+    munmap(producer_, page_ + 2 * size_);
+  }
+  uint64_t consumerPos() const {
+    return __atomic_load_n(static_cast<uint64_t*>(consumer_), __ATOMIC_ACQUIRE);
+  }
+  uint64_t producerPos() const {
+    return __atomic_load_n(static_cast<uint64_t*>(producer_), __ATOMIC_ACQUIRE);
+  }
+  // Records between two positions (each: u32 length with busy/discard bits,
+  // u32 page offset, then the sample, padded to 8 bytes).
+  uint64_t recordsBetween(uint64_t from, uint64_t to) const {
+    const char* data = static_cast<const char*>(producer_) + page_;
+    uint64_t records = 0;
+    for (uint64_t pos = from; pos < to;) {
+      uint32_t length;
+      memcpy(&length, data + (pos & (size_ - 1)), sizeof(length));
+      bool discarded = (length & BPF_RINGBUF_DISCARD_BIT) != 0;
+      length &= ~(BPF_RINGBUF_BUSY_BIT | BPF_RINGBUF_DISCARD_BIT);
+      if (!discarded) ++records;
+      pos += (static_cast<uint64_t>(length) + BPF_RINGBUF_HDR_SZ + 7) / 8 * 8;
+    }
+    return records;
+  }
+
+ private:
+  android::base::unique_fd fd_;
+  size_t page_ = 0;
+  uint64_t size_ = 0;
+  void* consumer_ = MAP_FAILED;
+  void* producer_ = MAP_FAILED;
+};
+
+struct Drain {
+  uint64_t records = 0;
+  double seconds = 0;
+  double perSecond() const { return seconds > 0 ? records / seconds : 0; }
+};
+
+Drain DrainBare() {
+  android::base::unique_fd ring(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
+  Drain drain;
+  auto count = [](void* ctx, void*, size_t) {
+    ++static_cast<Drain*>(ctx)->records;
+    return 0;
+  };
+  struct ring_buffer* consumer = ring_buffer__new(ring.get(), count, &drain, nullptr);
+  if (consumer == nullptr) Die("ring_buffer__new");
+  auto start = Clock::now();
+  ring_buffer__consume(consumer);
+  drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  ring_buffer__free(consumer);
+  return drain;
+}
+
+Drain DrainThroughMonitor(KavoBpfService* service) {
+  RingView view;
+  uint64_t begin = view.consumerPos();
+  uint64_t end = view.producerPos();
+  Drain drain;
+  drain.records = view.recordsBetween(begin, end);
+  std::thread monitor([service] { service->eventMonitor(); });
+  while (view.consumerPos() == begin) {
+  }
+  auto start = Clock::now();
+  while (view.consumerPos() < end) {
+  }
+  drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  drain.records -= 1;  // taken before the clock started
+  service->stop();
+  monitor.join();
+  return drain;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int forks = 10000;
+  if (argc == 3 && strcmp(argv[1], "--forks") == 0) forks = atoi(argv[2]);
+  if (forks <= 0 || (argc != 1 && argc != 3)) Die("usage: ring_consume [--forks N]");
+  if (geteuid() != 0) Die("needs root (BPF programs and namespaces)");
+
+  EnterPrivateNamespaces();
+  RunLoader();
+  android::base::SetProperty("ro.kernel.version", KernelVersion());
+  // Holds the service's own producer thread before it attaches or polls.
+  android::base::SetProperty("sys.kavo_bpf_ready", "0");
+  if (Kavo::Bpf::AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
+                                         KavoBpfService::PROG_EVENT_MAP) > 1) {
+    Die("attaching the programs failed");
+  }
+
+  double bareForkRate = MakeBacklog(forks);
+  Drain bare = DrainBare();
+
+  Kavo::Bpf::BpfServiceMain();
+  KavoBpfService* service = KavoBpfService::GetInstance();
+  double monitorForkRate = MakeBacklog(forks);
+  Drain monitor = DrainThroughMonitor(service);
+  service->Wait();
+
+  double ratio = bare.perSecond() > 0 ? monitor.perSecond() / bare.perSecond() : 0;
+  printf("%-28s %12s %10s %16s %12s\n", "consumer", "records", "seconds", "records/s", "forks/s");
+  printf("%-28s %12llu %10.4f %16.0f %12.0f\n", "bare libbpf (count only)",
+         static_cast<unsigned long long>(bare.records), bare.seconds, bare.perSecond(),
+         bareForkRate);
+  printf("%-28s %12llu %10.4f %16.0f %12.0f\n", "service monitor (dispatch)",
+         static_cast<unsigned long long>(monitor.records), monitor.seconds, monitor.perSecond(),
+         monitorForkRate);
+  printf("monitor / bare: %.3f\n", ratio);
+  printf(
+      "{\"forks\": %d, \"bare_records\": %llu, \"bare_records_per_s\": %.0f, \"monitor_records\": %llu, "
+      "\"monitor_records_per_s\": %.0f, \"monitor_to_bare_ratio\": %.4f}\n",
+      forks, static_cast<unsigned long long>(bare.records), bare.perSecond(),
+      static_cast<unsigned long long>(monitor.records), monitor.perSecond(), ratio);
+  fflush(stdout);
+  _exit(0);
+}

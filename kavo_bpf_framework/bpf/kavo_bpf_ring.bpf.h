@@ -1,0 +1,111 @@
+/*
+ * What every program of an object set shares: the set's ring buffer, its
+ * status map, the producer gate and the record reservation that notes a full
+ * ring. Each object set includes this header once, so each set gets its own
+ * `ringbuf_map` and `ringbuf_status`.
+ *
+ * Status map (ARRAY, u32 key -> u64 value):
+ *
+ *   key 0  control word   bit 0 ring full (set here, cleared by the service)
+ *                         bit 1 core producers on   (fork and exit programs)
+ *                         bit 2 normal producers on (every other program)
+ *   key 1  bytes of data not yet consumed   \
+ *   key 2  ring size in bytes                |  written here when a record
+ *   key 3  consumer position                 |  could not be reserved
+ *   key 4  producer position                /
+ *
+ * Programs run on any CPU at once: the full bit is set with an atomic OR so it
+ * never loses a producer bit the service writes at the same time (the service
+ * clears bit 0 with a plain read-modify-write and may in turn lose a full bit
+ * set in that instant; the next failed reserve sets it again).
+ */
+#ifndef KAVO_BPF_RING_BPF_H
+#define KAVO_BPF_RING_BPF_H
+
+#include "vmlinux.h"
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+#include <bpf/bpf_tracing.h>
+
+#include "bpf/kavo_bpf_records.h"
+
+/* The loader may replace it (--ring-size); a power of two of at least a page. */
+#define KAVO_DEFAULT_RING_SIZE (1024 * 1024)
+
+struct {
+  __uint(type, BPF_MAP_TYPE_RINGBUF);
+  __uint(max_entries, KAVO_DEFAULT_RING_SIZE);
+} ringbuf_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, KAVO_RING_STATUS_KEYS);
+  __type(key, __u32);
+  __type(value, __u64);
+} ringbuf_status SEC(".maps");
+
+static __always_inline __u64 *kavo_control_word(void) {
+  __u32 key = KAVO_RING_STATUS_CONTROL;
+  return bpf_map_lookup_elem(&ringbuf_status, &key);
+}
+
+/* Whether the producers of one kind (a KAVO_RING_*_ENABLED_BIT) may write. */
+static __always_inline bool kavo_producer_enabled(__u64 bit) {
+  __u64 *word = kavo_control_word();
+  return word != NULL && (*word & bit) != 0;
+}
+
+static __always_inline void kavo_store_status(__u32 key, __u64 value) {
+  bpf_map_update_elem(&ringbuf_status, &key, &value, BPF_ANY);
+}
+
+/* A record was lost: raise the full bit and leave the ring's state for the
+ * service's next status check. */
+static __always_inline void kavo_mark_ring_full(void) {
+  __u64 *word = kavo_control_word();
+  if (word != NULL) __sync_fetch_and_or(word, KAVO_RING_FULL_BIT);
+  kavo_store_status(KAVO_RING_STATUS_AVAIL_DATA, bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA));
+  kavo_store_status(KAVO_RING_STATUS_RING_SIZE, bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE));
+  kavo_store_status(KAVO_RING_STATUS_CONS_POS, bpf_ringbuf_query(&ringbuf_map, BPF_RB_CONS_POS));
+  kavo_store_status(KAVO_RING_STATUS_PROD_POS, bpf_ringbuf_query(&ringbuf_map, BPF_RB_PROD_POS));
+}
+
+/* Reserves a zeroed record of |size| bytes with its header filled in, or
+ * notes the full ring and returns NULL. Ring memory is reused, so zeroing
+ * keeps stale bytes of earlier records out of padding and short strings. */
+static __always_inline void *kavo_reserve(__u32 type, __u64 size) {
+  struct kavo_event_header *header = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
+  if (header == NULL) {
+    kavo_mark_ring_full();
+    return NULL;
+  }
+  __builtin_memset(header, 0, size);
+  header->type = type;
+  header->time_ns = bpf_ktime_get_boot_ns();
+  return header;
+}
+
+#define KAVO_RESERVE(type, record) ((record *)kavo_reserve((type), sizeof(record)))
+
+static __always_inline __s32 kavo_current_tgid(void) {
+  return (__s32)(bpf_get_current_pid_tgid() >> 32);
+}
+
+/* ---- Process exit: last thread of the group or one of its threads? ----- */
+
+/* The exit tracepoint carries group_dead on newer kernels; older ones only
+ * let the program look at the thread group's count of live threads, which
+ * do_exit() has already decremented when the tracepoint fires. */
+struct trace_event_raw_sched_process_exit___kavo {
+  bool group_dead;
+} __attribute__((preserve_access_index));
+
+static __always_inline bool kavo_exit_is_group_dead(void *ctx) {
+  struct trace_event_raw_sched_process_exit___kavo *exit = ctx;
+  if (bpf_core_field_exists(exit->group_dead)) return exit->group_dead;
+  struct task_struct *task = (struct task_struct *)bpf_get_current_task();
+  return BPF_CORE_READ(task, signal, live.counter) == 0;
+}
+
+#endif /* KAVO_BPF_RING_BPF_H */

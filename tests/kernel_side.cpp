@@ -1,0 +1,98 @@
+#include "kernel_side.h"
+
+#include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <string.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ns_harness.h"
+#include "test_process.h"
+#include "utils/kavo_bpf_file.h"
+
+namespace kavo::test {
+
+bool BpfAvailable(std::string* why) {
+  android::base::unique_fd ring(
+      bpf_map_create(BPF_MAP_TYPE_RINGBUF, "kavo_probe", 0, 0, 4096, nullptr));
+  if (ring.get() < 0) {
+    *why = std::string("creating a BPF ring buffer: ") + strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool LoadKernelSide(std::string* why, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {ToolPath("kavobpf_loader")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  CommandResult result = RunCommand(argv);
+  if (result.exitCode == 0) return true;
+  *why = "kavobpf_loader exited " + std::to_string(result.exitCode) + ": " + result.output;
+  return false;
+}
+
+std::string RunningKernelVersion() {
+  struct utsname uts;
+  if (uname(&uts) != 0) return "0.0";
+  std::string release(uts.release);
+  size_t first = release.find('.');
+  if (first == std::string::npos) return release;
+  return release.substr(0, release.find_first_not_of("0123456789", first + 1));
+}
+
+bool KprobesAvailable() {
+  return PathExists("/sys/bus/event_source/devices/kprobe") ||
+         PathExists("/sys/kernel/tracing/kprobe_events") ||
+         PathExists("/sys/kernel/debug/tracing/kprobe_events");
+}
+
+bool KprobeableFunction(const std::string& function) {
+  if (!KprobesAvailable()) return false;
+  bool found = false;
+  Kavo::Bpf::ForEachLine("/proc/kallsyms", [&](std::string_view line) {
+    // "<address> <kind> <name>[\t[module]]"
+    size_t name = line.find(' ', line.find(' ') + 1);
+    if (name != std::string_view::npos) {
+      std::string_view symbol = line.substr(name + 1);
+      symbol = symbol.substr(0, symbol.find('\t'));
+      found = symbol == function;
+    }
+    return found ? Kavo::Bpf::LineAction::kStop : Kavo::Bpf::LineAction::kContinue;
+  });
+  return found;
+}
+
+std::vector<pid_t> ForkAndReapChildren(int count) {
+  std::vector<pid_t> children;
+  for (int i = 0; i < count; ++i) {
+    pid_t child = fork();
+    if (child == 0) _exit(0);
+    if (child > 0) children.push_back(child);
+  }
+  for (pid_t child : children) {
+    int status;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  return children;
+}
+
+std::vector<std::string> DrainRing(const std::string& ringMapPath) {
+  std::vector<std::string> records;
+  android::base::unique_fd ring(bpf_obj_get(ringMapPath.c_str()));
+  if (ring.get() < 0) return records;
+  auto collect = [](void* ctx, void* data, size_t size) {
+    static_cast<std::vector<std::string>*>(ctx)->emplace_back(static_cast<const char*>(data), size);
+    return 0;
+  };
+  struct ring_buffer* reader = ring_buffer__new(ring.get(), collect, &records, nullptr);
+  if (reader == nullptr) return records;
+  ring_buffer__consume(reader);
+  ring_buffer__free(reader);
+  return records;
+}
+
+}  // namespace kavo::test
