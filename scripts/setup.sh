@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang llvm pkg-config binutils
+  cmake ninja-build g++ clang llvm libclang-rt-dev pkg-config binutils
   libbpf-dev libbpfcc-dev bpftool
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -226,11 +226,20 @@ void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& o
   if (skipped) GTEST_SKIP() << skipMessage;
 }
 
-void WriteFile(const std::string& path, const std::string& content) {
+void MountFakeProc() {
+  ASSERT_EQ(0, mount("tmpfs", "/proc", "tmpfs", 0, "mode=0755")) << strerror(errno);
+}
+
+void MakeDirs(const std::string& path) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     mkdir(path.substr(0, slash).c_str(), 0755);
   }
+  mkdir(path.c_str(), 0755);
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  MakeDirs(path.substr(0, path.rfind('/')));
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << content;
   ASSERT_TRUE(out.good()) << "writing " << path;

@@ -36,6 +36,10 @@ struct NamespaceOptions {
 
 void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& options = {});
 
+// Mounts an empty tmpfs over /proc from inside a RunInNamespace body, for a
+// body that needs the real /proc first (to run the loader, say).
+void MountFakeProc();
+
 // Options with an empty tmpfs over /proc.
 inline NamespaceOptions FakeProc() {
   NamespaceOptions options;
@@ -47,6 +51,8 @@ inline NamespaceOptions FakeProc() {
 // refused fails instead.
 bool KernelRequired();
 
+// mkdir -p.
+void MakeDirs(const std::string& path);
 // Writes |content| to |path|, creating missing parent directories.
 void WriteFile(const std::string& path, const std::string& content);
 // The whole file, or "" when it cannot be read.

@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <thread>
@@ -31,7 +32,7 @@ constexpr int kExitDeadlineMs = 1800;
 
 void PrintUsage(FILE* out) {
   fprintf(out,
-          "Usage: kavobpfd [--prop NAME=VALUE]... [--help]\n"
+          "Usage: kavobpfd [--prop NAME=VALUE]... [--seed-fd] [--help]\n"
           "\n"
           "Hosts the KAVO BPF service (libkavobpfservice.so) on Linux: attaches the\n"
           "programs pinned under /sys/fs/bpf/kavo/, consumes their ring buffers and\n"
@@ -48,6 +49,9 @@ void PrintUsage(FILE* out) {
           "                                           buffers are pinned (checked every\n"
           "                                           second); give \"0\" to hold the service\n"
           "                                           before attaching\n"
+          "  --seed-fd          once both program sets are attached, seed the open-fd\n"
+          "                     map (map_KavoBpfDefineset_open_fd_caller_map) with every\n"
+          "                     process's descriptor count from /proc\n"
           "  --help             show this text and exit\n");
 }
 
@@ -84,8 +88,10 @@ bool RingBuffersPinned() {
 
 int main(int argc, char** argv) {
   std::map<std::string, std::string> properties;
+  bool seedFd = false;
   static const struct option kOptions[] = {
       {"prop", required_argument, nullptr, 'p'},
+      {"seed-fd", no_argument, nullptr, 'f'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
@@ -102,6 +108,9 @@ int main(int argc, char** argv) {
         properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
         break;
       }
+      case 'f':
+        seedFd = true;
+        break;
       case 'h':
         PrintUsage(stdout);
         return 0;
@@ -134,13 +143,24 @@ int main(int argc, char** argv) {
     return 0;
   }
 
+  KavoBpfService* service = KavoBpfService::GetInstance();
+  auto nextPinCheck = std::chrono::steady_clock::now();
   while (true) {
-    if (signalReady && RingBuffersPinned()) {
-      android::base::SetProperty(kReadyProperty, "1");
-      signalReady = false;
+    auto now = std::chrono::steady_clock::now();
+    if (signalReady && now >= nextPinCheck) {
+      // The platform's loader reports readiness the same way, once a second.
+      nextPinCheck = now + std::chrono::seconds(1);
+      if (RingBuffersPinned()) {
+        android::base::SetProperty(kReadyProperty, "1");
+        signalReady = false;
+      }
     }
-    struct timespec oneSecond = {1, 0};
-    int sig = sigtimedwait(&stopSignals, nullptr, &oneSecond);
+    if (seedFd && service->waitProgramsAttached(std::chrono::milliseconds(0))) {
+      service->initFdBpfProg();
+      seedFd = false;
+    }
+    struct timespec tick = {0, 200 * 1000 * 1000};
+    int sig = sigtimedwait(&stopSignals, nullptr, &tick);
     if (sig == SIGINT || sig == SIGTERM) break;
   }
 
@@ -151,7 +171,6 @@ int main(int argc, char** argv) {
     fprintf(stderr, "kavobpfd: service threads still busy, exiting anyway\n");
     ExitNow(0);
   }).detach();
-  KavoBpfService* service = KavoBpfService::GetInstance();
   service->stop();
   service->Wait();
   ExitNow(0);

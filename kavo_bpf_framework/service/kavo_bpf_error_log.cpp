@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -52,19 +51,10 @@ std::string ThreadName() {
   return name;
 }
 
-// mkdir -p, mode 0775; existing directories are fine.
-void MakeDirs(const std::string& path) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    mkdir(path.substr(0, slash).c_str(), 0775);
-  }
-  mkdir(path.c_str(), 0775);
-}
-
 }  // namespace
 
 int InitBpfServiceErrorLog() {
-  MakeDirs(KAVO_ERROR_LOG_DIR);
+  MakeDirs(KAVO_ERROR_LOG_DIR, 0775);
   return rename(KAVO_ERROR_LOG_PATH, KAVO_ERROR_OLD_LOG_PATH);
 }
 

@@ -10,7 +10,6 @@
 #include <sched.h>
 #include <string.h>
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,6 +17,8 @@
 
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_event_manager.h"
+#include "service/kavo_bpf_signals.h"
+#include "service/kavo_bpf_task_manager.h"
 
 namespace Kavo::Bpf {
 
@@ -32,21 +33,8 @@ constexpr int kEpollEventsPerWait = 32;
 constexpr auto kSupervisionPeriod = std::chrono::seconds(60);
 constexpr auto kReadyPollPeriod = std::chrono::seconds(1);
 
-cpu_set_t ServiceCpus() {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
-  return cpus;
-}
-
-// Names and pins the calling thread; false when the affinity could not be set.
-bool NameAndPinThread(const char* name) {
-  prctl(PR_SET_NAME, name, 0, 0, 0);
-  cpu_set_t cpus = ServiceCpus();
-  return sched_setaffinity(gettid(), sizeof(cpus), &cpus) == 0;
-}
-
-// Wakes the ready wait and the supervision sleep when the service stops.
+// Wakes the ready wait and the supervision sleep when the service stops, and
+// those waiting for the catalogue walks.
 std::mutex gStopWaitLock;
 std::condition_variable gStopWait;
 
@@ -83,7 +71,7 @@ KavoBpfService::KavoBpfService() {
   handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
   handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
   ipcManager = std::make_unique<UnixIpcManager>(true, kIpcBufferSize, kSocketName, handlers,
-                                                "BpfServiceTr", ServiceCpus(), kEpollSizeHint,
+                                                "BpfServiceTr", ServiceCpuSet(), kEpollSizeHint,
                                                 kEpollEventsPerWait);
   packageManager = std::make_unique<IpcPackageManager>();
   packageHandler = std::make_unique<IpcPackageHandler>(std::map<unsigned, IpcPackageHandlerFunc>{
@@ -104,6 +92,13 @@ KavoBpfService::KavoBpfService() {
   };
   EventManager::GetInstance()->setPackageManagers(&packageManagers);
   stopEventFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  // What signals 51 to 54 write, once the monitors install their handlers.
+  RegisterTaskDump(kSignalDumpTasks, [] { KavoTaskManager::GetInstance()->DumpKavoTaskInfo(); });
+  RegisterTaskDump(kSignalDumpNonKernelTasks,
+                   [] { KavoTaskManager::GetInstance()->DumpKavoTaskIgnoreKernelTaskInfo(); });
+  RegisterTaskDump(kSignalDumpTasksNormal, [] { KavoTaskManager::GetInstance()->DumpKavoTaskInfoNormal(); });
+  RegisterTaskDump(kSignalDumpNonKernelTasksNormal,
+                   [] { KavoTaskManager::GetInstance()->DumpKavoTaskIgnoreKernelTaskInfoNormal(); });
 }
 
 // Only reached if a host destroys the instance after Wait() returned.
@@ -117,7 +112,7 @@ bool KavoBpfService::start() {
 }
 
 int KavoBpfService::eventProduceThread() {
-  if (!NameAndPinThread("BpfServicePoll")) {
+  if (!NameAndPinThread("BpfServicePoll", ServiceCpuSet())) {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "[KavoBpfService][eventProduceThread] set thread affinity failed. %s",
                         strerror(errno));
@@ -147,12 +142,13 @@ int KavoBpfService::eventProduceThread() {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "[KavoBpfService][eventProduceThread] Attach all kavo bpf error: %d", failed);
   }
+  markSetAttached();
   eventMonitor();
   return failed;
 }
 
 int KavoBpfService::gpleventProduceThread() {
-  if (!NameAndPinThread("BpfServicePGpl")) {
+  if (!NameAndPinThread("BpfServicePGpl", ServiceCpuSet())) {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "[KavoBpfService][gpleventProduceThread] set thread affinity failed. %s",
                         strerror(errno));
@@ -163,8 +159,21 @@ int KavoBpfService::gpleventProduceThread() {
                         "[KavoBpfService][gpleventProduceThread] Attach all kavo bpf error: %d",
                         failed);
   }
+  markSetAttached();
   gpleventMonitor();
   return failed;
+}
+
+void KavoBpfService::markSetAttached() {
+  std::lock_guard<std::mutex> lock(gStopWaitLock);
+  ++attachedSets;
+  gStopWait.notify_all();
+}
+
+bool KavoBpfService::waitProgramsAttached(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(gStopWaitLock);
+  return gStopWait.wait_for(lock, timeout, [this] { return attachedSets >= kRingCount || !isRunning(); }) &&
+         attachedSets >= kRingCount;
 }
 
 int KavoBpfService::Wait() {

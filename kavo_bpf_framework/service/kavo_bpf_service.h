@@ -26,6 +26,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -69,6 +70,9 @@ class KAVO_EXPORT KavoBpfService {
   int Wait();
   int stop();
   bool isRunning() const { return running.load(std::memory_order_relaxed); }
+  // Waits until both producer threads have walked their catalogue (whatever
+  // the number of failures); false on timeout or when the service stopped.
+  bool waitProgramsAttached(std::chrono::milliseconds timeout);
 
   // Switch a ring's core (bit 1) or normal (bit 2) producers on or off.
   bool enableCoreBpf(int ring, bool enable);
@@ -106,6 +110,8 @@ class KAVO_EXPORT KavoBpfService {
   int onEventProvideReqCallBack(int fd, char* data, unsigned int size);
   void notifyClientEventReady(const std::vector<int>& fds);
   UnixIpcManager* getIpcManager() { return ipcManager.get(); }
+  // Queued packages per connected client descriptor, for diagnostics.
+  std::map<int, size_t> getClientQueueLengths();
 
   // ---- Catalogue and constants ----
   static const KavoBpfProgTable PROG_EVENT_MAP;
@@ -150,6 +156,7 @@ class KAVO_EXPORT KavoBpfService {
 
   int eventProduceThread();
   int gpleventProduceThread();
+  void markSetAttached();
   // Shared body of the two monitors.
   int monitorRing(int ring);
   // Sets or clears |bit| of a ring's control word under servicelock.
@@ -183,6 +190,8 @@ class KAVO_EXPORT KavoBpfService {
   // 12. One outgoing queue per client descriptor.
   std::map<int, IpcPackageManager> packageManagers;
 
+  // Catalogue walks finished, out of two.
+  std::atomic<int> attachedSets{0};
   // Written by stop() so that monitors blocked in their poll wake up at once.
   android::base::unique_fd stopEventFd;
 

@@ -1,6 +1,7 @@
 #include "utils/kavo_bpf_file.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 namespace Kavo::Bpf {
 
@@ -23,6 +24,13 @@ bool ForEachLine(const char* path, const std::function<LineAction(std::string_vi
   if (!file) return false;
   ForEachLine(file.get(), visit);
   return true;
+}
+
+void MakeDirs(const std::string& path, mode_t mode) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    mkdir(path.substr(0, slash).c_str(), mode);
+  }
+  mkdir(path.c_str(), mode);
 }
 
 bool ForEachDirEntry(const char* dir, const std::function<LineAction(const char* name)>& visit) {

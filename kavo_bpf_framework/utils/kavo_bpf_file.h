@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -84,6 +85,9 @@ void ForEachLine(FILE* file, const std::function<LineAction(std::string_view)>& 
 
 // Opens |path| and reads it as above. False (errno set) when it cannot be opened.
 bool ForEachLine(const char* path, const std::function<LineAction(std::string_view)>& visit);
+
+// mkdir -p with |mode| for every missing directory; existing ones are fine.
+void MakeDirs(const std::string& path, mode_t mode);
 
 // Calls |visit| with the name of every entry of the directory |dir|, "." and
 // ".." included. False (errno set) when the directory cannot be opened.

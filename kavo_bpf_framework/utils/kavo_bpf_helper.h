@@ -7,6 +7,8 @@
 // Thread-safety: every function is re-entrant. The time base is written once
 // by InitBasetime() before any other service thread reads it.
 
+#include <sched.h>
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -66,6 +68,14 @@ KAVO_EXPORT void TestHandleEvent(char* data, long long size);
 bool ParseDecimal(std::string_view text, long long* out);
 // The same for an unsigned value; a leading '-' is rejected.
 bool ParseUnsignedDecimal(std::string_view text, unsigned long long* out);
+
+// ---- Service threads -------------------------------------------------------
+
+// CPUs 0 to 2, where every service thread runs.
+cpu_set_t ServiceCpuSet();
+// Names the calling thread and pins it to |cpus|; false (errno set) when the
+// affinity could not be set. The name is set either way.
+bool NameAndPinThread(const char* name, const cpu_set_t& cpus);
 
 // ---- Program catalogue and attachment --------------------------------------
 

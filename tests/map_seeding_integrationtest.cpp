@@ -1,0 +1,251 @@
+// Seeding the pinned descriptor and dma-buf maps from /proc: over made-up
+// process trees with known answers, over the live /proc through kavobpfd, and
+// with the maps missing.
+
+#include <android/log.h>
+#include <bpf/bpf.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <android-base/unique_fd.h>
+
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "bpf_test_maps.h"
+#include "fake_proc.h"
+#include "log_capture.h"
+#include "ns_harness.h"
+#include "raw_client.h"
+#include "service/kavo_bpf_service.h"
+#include "test_process.h"
+#include "utils/kavo_bpf_file.h"
+
+namespace Kavo::Bpf {
+namespace {
+
+using namespace std::chrono_literals;
+using kavo::test::AddFakeFd;
+using kavo::test::FakeProcess;
+using kavo::test::WriteFakeProcess;
+
+constexpr char kFdMap[] = "/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_map";
+const std::string kGpl = "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_";
+
+void LoadPrograms() {
+  auto loader = kavo::test::RunCommand({kavo::test::ToolPath("kavobpf_loader")});
+  if (loader.exitCode != 0) KAVO_KERNEL_SKIP("kavobpf_loader: " + loader.output);
+}
+
+// Every key and value of a pinned hash map.
+template <typename Key, typename Value>
+std::map<Key, Value> Dump(const std::string& path) {
+  std::map<Key, Value> entries;
+  android::base::unique_fd fd(bpf_obj_get(path.c_str()));
+  EXPECT_GE(fd.get(), 0) << path;
+  Key key, next;
+  Key* previous = nullptr;
+  while (bpf_map_get_next_key(fd.get(), previous, &next) == 0) {
+    Value value;
+    if (bpf_map_lookup_elem(fd.get(), &next, &value) == 0) entries[next] = value;
+    key = next;
+    previous = &key;
+  }
+  return entries;
+}
+
+TEST(MapSeeding, DescriptorCountsFromMadeUpProc) {
+  kavo::test::RunInNamespace([] {
+    LoadPrograms();
+    if (::testing::Test::IsSkipped() || ::testing::Test::HasFailure()) return;
+    kavo::test::MountFakeProc();
+    FakeProcess first;
+    first.pid = 100;
+    first.name = "abcdefgh";
+    WriteFakeProcess(first);
+    for (int fd = 0; fd < 3; ++fd) AddFakeFd(100, fd, "/dev/null");
+    FakeProcess second;  // a shorter name after a longer one
+    second.pid = 101;
+    second.name = "xy";
+    WriteFakeProcess(second);
+    AddFakeFd(101, 0, "/dev/null");
+    FakeProcess longName;
+    longName.pid = 102;
+    longName.name = "averyveryverylongname";
+    WriteFakeProcess(longName);
+    FakeProcess noFds;  // gone before its fd directory was read
+    noFds.pid = 103;
+    noFds.withFdDir = false;
+    WriteFakeProcess(noFds);
+    kavo::test::MakeDirs("/proc/self/fd");
+    kavo::test::MakeDirs("/proc/sys");
+
+    KavoBpfService::GetInstance()->initFdBpfProg();
+    auto entries = Dump<int32_t, kavo_fd_info>(kFdMap);
+    ASSERT_EQ(3u, entries.size());
+    ASSERT_EQ(1u, entries.count(100));
+    EXPECT_EQ(100, entries[100].pid);
+    EXPECT_EQ(3u, entries[100].fd_count);
+    EXPECT_EQ(3u, entries[100].reported_fd_count);
+    EXPECT_EQ(0u, entries[100].reserved);
+    EXPECT_EQ(0u, entries[100].reserved2);
+    EXPECT_STREQ("averyveryverylo", entries[102].comm);  // 15 characters and a zero
+    EXPECT_EQ(0u, entries[102].fd_count);
+
+    // The name record is reused from process to process, so a shorter name
+    // keeps the tail of the one written before it. Which one that was depends
+    // on the order /proc lists them in.
+    std::vector<int> order;
+    ForEachDirEntry("/proc", [&order](const char* name) {
+      if (IsDigits(name)) order.push_back(atoi(name));
+      return LineAction::kContinue;
+    });
+    char expected[KAVO_COMM_LEN] = {};
+    for (int pid : order) {
+      if (pid == 103) continue;
+      const char* name = pid == 100 ? "abcdefgh" : pid == 101 ? "xy" : "averyveryverylongname";
+      memcpy(expected, name, std::min(strlen(name), sizeof(expected)));
+      expected[KAVO_COMM_LEN - 1] = '\0';
+      if (pid == 101) break;
+    }
+    EXPECT_EQ(0, memcmp(expected, entries[101].comm, KAVO_COMM_LEN))
+        << std::string(entries[101].comm, KAVO_COMM_LEN);
+  });
+}
+
+TEST(MapSeeding, DmabufBuffersAndTotalsFromMadeUpProc) {
+  kavo::test::RunInNamespace([] {
+    LoadPrograms();
+    if (::testing::Test::IsSkipped() || ::testing::Test::HasFailure()) return;
+    kavo::test::MountFakeProc();
+    FakeProcess a;  // two descriptors on one buffer, and a mapping of it
+    a.pid = 200;
+    WriteFakeProcess(a);
+    AddFakeFd(200, 3, "/dmabuf:", 4096, 17);
+    AddFakeFd(200, 4, "/dmabuf:", 4096, 17);
+    AddFakeFd(200, 5, "/dev/null");
+    kavo::test::WriteFakeMaps(200,
+                              "7f0000000000-7f0000001000 rw-s 00000000 00:0c 17      /dmabuf:\n"
+                              "7f0000002000-7f0000003000 r-xp 00000000 08:01 99      /system/lib/libc.so\n");
+    FakeProcess b;  // shares buffer 17, has its own 18; no maps file
+    b.pid = 201;
+    WriteFakeProcess(b);
+    AddFakeFd(201, 5, "/dmabuf:", 4096, 17);
+    AddFakeFd(201, 6, "/dmabuf:", 1 << 20, 18);
+    FakeProcess ignored;  // size 0, inode 0, no fdinfo at all: nothing counts
+    ignored.pid = 202;
+    WriteFakeProcess(ignored);
+    AddFakeFd(202, 3, "/dmabuf:", 0, 19);
+    AddFakeFd(202, 4, "/dmabuf:", 8192, 0);
+    AddFakeFd(202, 5, "/dmabuf:");
+    FakeProcess plain;  // no dma-bufs: no record, maps never read
+    plain.pid = 203;
+    WriteFakeProcess(plain);
+    AddFakeFd(203, 1, "/dev/null");
+
+    kavo::test::LogCapture log;
+    KavoBpfService::GetInstance()->initDmabufBpfProg();
+
+    auto buffers = Dump<uint64_t, kavo_dmabuf_buffer>(kGpl + "dmabuf_allocate_map");
+    ASSERT_EQ(2u, buffers.size());
+    // A shared buffer names the process met later in the walk.
+    int later = -1;
+    ForEachDirEntry("/proc", [&later](const char* name) {
+      if (strcmp(name, "200") == 0 || strcmp(name, "201") == 0) later = atoi(name);
+      return LineAction::kContinue;
+    });
+    EXPECT_EQ(later, buffers[17].pid);
+    EXPECT_EQ(4096, buffers[17].size);
+    EXPECT_EQ(201, buffers[18].pid);
+    EXPECT_EQ(1 << 20, buffers[18].size);
+
+    for (const char* map : {"dmabuf_size_map", "dmabuf_perprocess_size_map"}) {
+      auto totals = Dump<int32_t, dmabuf_stat>(kGpl + map);
+      ASSERT_EQ(2u, totals.size()) << map;
+      EXPECT_EQ(8192, totals[200].total) << map;  // one buffer, two descriptors
+      EXPECT_EQ(4096 + (1 << 20), totals[201].total) << map;
+      EXPECT_EQ(0, totals[200].reserved);
+    }
+    EXPECT_TRUE(log.Contains("[KavoBpfService][IMIT] Task not exists, so we skip it (/proc/201/maps)",
+                             ANDROID_LOG_WARN));
+    EXPECT_FALSE(log.Contains("/proc/203/maps"));
+    EXPECT_FALSE(log.Contains("/proc/200/maps"));
+  });
+}
+
+TEST(MapSeeding, LiveProcThroughKavobpfd) {
+  kavo::test::RunInNamespace([] {
+    LoadPrograms();
+    if (::testing::Test::IsSkipped() || ::testing::Test::HasFailure()) return;
+    // A process holding a known set of descriptors: 0-2 and 3..9.
+    kavo::test::ChildProcess holder(
+        {"bash", "-c", "exec 3</dev/null 4</dev/null 5</dev/null 6</dev/null 7</dev/null 8</dev/null "
+                       "9</dev/null; exec sleep 60"});
+    std::this_thread::sleep_for(300ms);
+    size_t expected = 0;
+    ForEachDirEntry(("/proc/" + std::to_string(holder.pid()) + "/fd").c_str(), [&expected](const char* fd) {
+      if (fd[0] != '.') ++expected;
+      return LineAction::kContinue;
+    });
+    ASSERT_GE(expected, 10u);  // and whatever the test process let it inherit
+
+    kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd"), "--seed-fd"});
+    kavo_fd_info info = {};
+    bool seeded = false;
+    for (int i = 0; i < 100 && !seeded; ++i) {
+      std::this_thread::sleep_for(100ms);
+      android::base::unique_fd map(bpf_obj_get(kFdMap));
+      int32_t pid = holder.pid();
+      seeded = map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &info) == 0;
+    }
+    ASSERT_TRUE(seeded) << daemon.Output();
+    EXPECT_EQ(expected, info.fd_count);
+    EXPECT_EQ(expected, info.reported_fd_count);
+    EXPECT_EQ(0, strncmp("sleep", info.comm, 5));  // the rest may be an earlier, longer name
+    EXPECT_TRUE(daemon.Signal(SIGTERM));
+    int status;
+    EXPECT_TRUE(daemon.WaitExit(2s, &status));
+  });
+}
+
+TEST(MapSeeding, MissingMapsEndTheSeedingOnly) {
+  kavo::test::RunInNamespace([] {
+    std::string why;
+    if (!kavo::test::PinRingMaps(&why)) KAVO_KERNEL_SKIP(why);
+    kavo::test::LogCapture log;
+    KavoBpfService* service = KavoBpfService::GetInstance();
+    EXPECT_EQ(-1, service->initBpfMap());
+    EXPECT_TRUE(log.Contains("[KavoBpfService][InitBpfMap] get processInodeMap failed: No such file or directory"));
+    service->initFdBpfProg();
+    EXPECT_TRUE(log.Contains("[KavoBpfService][INIT] update open_fd_caller_map !"));
+    EXPECT_TRUE(log.Contains(
+        "[KavoBpfService][INIT] get map_KavoBpfDefineset_open_fd_caller_map(-1) failed! No such file or directory"));
+    service->initDmabufBpfProg();
+    EXPECT_TRUE(log.Contains("[KavoBpfService][INIT] get dmabufAllocateMap(-1) failed! No such file or directory"));
+    EXPECT_FALSE(log.Contains("dmabufSizeMap"));  // the first failure ends it
+    EXPECT_FALSE(log.Contains("update open_fd_caller_map failed"));
+
+    // The whole service goes on without them: it serves clients.
+    kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd"), "--seed-fd"});
+    ASSERT_TRUE(daemon.WaitForOutput("[KavoBpfService][eventProduceThread] Init bpf map failed", 10s))
+        << daemon.Output();
+    ASSERT_TRUE(daemon.WaitForOutput("get dmabufAllocateMap(-1) failed!", 10s)) << daemon.Output();
+    kavo::test::RawClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Send(kavo::test::RequestFrame(1, 51, 50001)));
+    auto frame = client.ReadFrame(2s);
+    ASSERT_TRUE(frame && kavo::test::AsResponse(*frame));
+    EXPECT_EQ(0, kavo::test::AsResponse(*frame)->result);
+    EXPECT_TRUE(daemon.Signal(SIGTERM));
+    int status;
+    EXPECT_TRUE(daemon.WaitExit(2s, &status));
+  });
+}
+
+}  // namespace
+}  // namespace Kavo::Bpf
