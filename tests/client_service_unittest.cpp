@@ -3,6 +3,9 @@
 
 #include <android-base/properties.h>
 #include <string.h>
+#include <sys/epoll.h>
+
+#include <android-base/unique_fd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -168,6 +171,52 @@ TEST(ClientService, ClosedClientLeavesNothingBehind) {
     ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().empty(); }));
     EXPECT_EQ(0u, Subscribers(KAVO_EVENT_CGROUP_ATTACH));
     EXPECT_FALSE(EventManager::GetInstance()->hasObserverEntry(order[1]));
+  });
+}
+
+// Subscribers are served in the order they subscribed: one thread queues and
+// wakes them in that order and, from idle, the IPC thread sends in that
+// order, so the first subscriber's socket becomes readable first. The test's own epoll
+// instance, asked for one event at a time, reports sockets in the order they
+// became readable.
+TEST(ClientService, FirstSubscriberIsServedFirst) {
+  kavo::test::RunInNamespace([] {
+    StartService();
+    RawClient early, late;  // connected in this order...
+    ASSERT_TRUE(early.Connect());
+    ASSERT_TRUE(late.Connect());
+    int type = KAVO_EVENT_DMABUF_UPDATE;
+    for (bool lateFirst : {false, true}) {
+      // ...and subscribed in either order.
+      RawClient* first = lateFirst ? &late : &early;
+      RawClient* second = lateFirst ? &early : &late;
+      for (RawClient* c : {first, second}) {
+        ASSERT_TRUE(c->Send(RequestFrame(1, 51, type)));
+        ASSERT_TRUE(c->ReadFrame(2s));
+      }
+      for (uint32_t round = 0; round < 20; ++round) {
+        // Let the IPC thread finish the last round and drop its write
+        // interests; a writer still awake from before could otherwise be
+        // served the moment its package is queued.
+        std::this_thread::sleep_for(20ms);
+        // A fresh epoll instance each round: an old one keeps last round's
+        // ready entries in its list, ahead of new arrivals.
+        android::base::unique_fd epollFd(epoll_create1(EPOLL_CLOEXEC));
+        for (RawClient* c : {first, second}) {
+          epoll_event watch = {};
+          watch.events = EPOLLIN;
+          watch.data.fd = c->fd();
+          ASSERT_EQ(0, epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, c->fd(), &watch));
+        }
+        Publish(Record(type, round, 64));
+        epoll_event ready = {};
+        ASSERT_EQ(1, epoll_wait(epollFd.get(), &ready, 1, 2000));
+        EXPECT_EQ(first->fd(), ready.data.fd) << "round " << round;
+        ASSERT_TRUE(first->ReadEvent(2s));
+        ASSERT_TRUE(second->ReadEvent(2s));
+      }
+      ++type;  // a fresh subscription list for the reversed order
+    }
   });
 }
 
