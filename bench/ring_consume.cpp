@@ -36,59 +36,24 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
 
 namespace {
 
+using namespace kavo::bench;
 using Kavo::Bpf::KavoBpfService;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kRingSize[] = "67108864";
 constexpr uint64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
 
-[[noreturn]] void Die(const std::string& what) {
-  fprintf(stderr, "ring_consume: %s\n", what.c_str());
-  exit(1);
-}
-
-// Private mounts for /data, /mnt and the BPF file system, as the tests have.
-void EnterPrivateNamespaces() {
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) Die(std::string("unshare: ") + strerror(errno));
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Die("making / private");
-  mkdir("/data", 0755);
-  for (const char* dir : {"/data", "/mnt"}) {
-    if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755") != 0) Die(std::string("tmpfs on ") + dir);
-  }
-  if (mount("bpf", "/sys/fs/bpf", "bpf", 0, "mode=0700") != 0) Die("mounting bpffs");
-  mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr);
-}
-
-void RunLoader() {
-  std::string loader = std::string(KAVO_TOOLS_DIR) + "/kavobpf_loader";
-  pid_t pid = fork();
-  if (pid == 0) {
-    execl(loader.c_str(), loader.c_str(), "--ring-size", kRingSize, static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) Die("kavobpf_loader failed");
-}
-
-std::string KernelVersion() {
-  struct utsname uts;
-  uname(&uts);
-  std::string release(uts.release);
-  size_t first = release.find('.');
-  return release.substr(0, release.find_first_not_of("0123456789", first + 1));
-}
-
 void SetProducers(uint64_t word) {
   android::base::unique_fd fd(bpf_obj_get(KavoBpfService::RINGBUF_STATUS_PATH[0].c_str()));
   uint32_t key = KAVO_RING_STATUS_CONTROL;
   if (fd.get() < 0 || bpf_map_update_elem(fd.get(), &key, &word, 0) != 0)
-    Die("writing the control word");
+    Die("ring_consume: writing the control word");
 }
 
 uint64_t ControlWord() {
@@ -111,7 +76,7 @@ double MakeBacklog(int count) {
   }
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   SetProducers(0);
-  if (ControlWord() & KAVO_RING_FULL_BIT) Die("the ring ran full; use fewer --forks");
+  if (ControlWord() & KAVO_RING_FULL_BIT) Die("ring_consume: the ring ran full; use fewer --forks");
   return count / seconds;
 }
 
@@ -124,7 +89,7 @@ class RingView {
     size_ = strtoull(kRingSize, nullptr, 10);
     consumer_ = mmap(nullptr, page_, PROT_READ, MAP_SHARED, fd_.get(), 0);
     producer_ = mmap(nullptr, page_ + 2 * size_, PROT_READ, MAP_SHARED, fd_.get(), page_);
-    if (consumer_ == MAP_FAILED || producer_ == MAP_FAILED) Die("mapping the ring");
+    if (consumer_ == MAP_FAILED || producer_ == MAP_FAILED) Die("ring_consume: mapping the ring");
   }
   ~RingView() {
     munmap(consumer_, page_);
@@ -174,7 +139,7 @@ Drain DrainBare() {
     return 0;
   };
   struct ring_buffer* consumer = ring_buffer__new(ring.get(), count, &drain, nullptr);
-  if (consumer == nullptr) Die("ring_buffer__new");
+  if (consumer == nullptr) Die("ring_consume: ring_buffer__new");
   auto start = Clock::now();
   ring_buffer__consume(consumer);
   drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -206,17 +171,17 @@ Drain DrainThroughMonitor(KavoBpfService* service) {
 int main(int argc, char** argv) {
   int forks = 10000;
   if (argc == 3 && strcmp(argv[1], "--forks") == 0) forks = atoi(argv[2]);
-  if (forks <= 0 || (argc != 1 && argc != 3)) Die("usage: ring_consume [--forks N]");
-  if (geteuid() != 0) Die("needs root (BPF programs and namespaces)");
+  if (forks <= 0 || (argc != 1 && argc != 3)) Die("ring_consume: usage: ring_consume [--forks N]");
+  if (geteuid() != 0) Die("ring_consume: needs root (BPF programs and namespaces)");
 
   EnterPrivateNamespaces();
-  RunLoader();
+  RunLoader({"--ring-size", kRingSize});
   android::base::SetProperty("ro.kernel.version", KernelVersion());
   // Holds the service's own producer thread before it attaches or polls.
   android::base::SetProperty("sys.kavo_bpf_ready", "0");
   if (Kavo::Bpf::AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
                                          KavoBpfService::PROG_EVENT_MAP) > 1) {
-    Die("attaching the programs failed");
+    Die("ring_consume: attaching the programs failed");
   }
 
   double bareForkRate = MakeBacklog(forks);
