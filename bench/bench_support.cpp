@@ -1,5 +1,8 @@
 #include "bench_support.h"
 
+#include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
 #include <errno.h>
 #include <sched.h>
 #include <signal.h>
@@ -10,9 +13,15 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "bpf/kavo_bpf_records.h"
+#include "service/kavo_bpf_service.h"
+#include "utils/kavo_bpf_file.h"
+#include "utils/kavo_bpf_helper.h"
 
 namespace kavo::bench {
 
@@ -57,6 +66,13 @@ std::string KernelVersion() {
   return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
+double LoadAverage() {
+  double load = 0;
+  Kavo::Bpf::ScopedFile file = Kavo::Bpf::OpenForRead("/proc/loadavg");
+  if (file && fscanf(file.get(), "%lf", &load) != 1) load = 0;
+  return load;
+}
+
 SleepingProcesses::SleepingProcesses(int count) {
   for (int i = 0; i < count; ++i) {
     pid_t pid = fork();
@@ -71,6 +87,143 @@ SleepingProcesses::SleepingProcesses(int count) {
 SleepingProcesses::~SleepingProcesses() {
   for (pid_t pid : pids_) kill(pid, SIGKILL);
   for (pid_t pid : pids_) waitpid(pid, nullptr, 0);
+}
+
+namespace {
+
+using Kavo::Bpf::KavoBpfService;
+
+android::base::unique_fd OpenPinned(const std::string& path) {
+  android::base::unique_fd fd(bpf_obj_get(path.c_str()));
+  if (fd.get() < 0) Die("opening " + path + ": " + strerror(errno));
+  return fd;
+}
+
+// map_<set>_ring_stats beside the set's map_<set>_ringbuf_map.
+std::string RingStatsPath(int ring) {
+  std::string path = KavoBpfService::RINGBUF_MAP_PATH[ring];
+  return path.substr(0, path.rfind('_', path.rfind('_') - 1)) + "_ring_stats";
+}
+
+uint64_t SchedstatNs(const std::string& path) {
+  uint64_t ns = 0;
+  Kavo::Bpf::ScopedFile file = Kavo::Bpf::OpenForRead(path.c_str());
+  unsigned long long value = 0;
+  if (file && fscanf(file.get(), "%llu", &value) == 1) ns = value;
+  return ns;
+}
+
+}  // namespace
+
+uint64_t BootNs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_BOOTTIME, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+uint64_t ControlWord(int ring) {
+  android::base::unique_fd fd = OpenPinned(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
+  uint32_t key = KAVO_RING_STATUS_CONTROL;
+  uint64_t word = 0;
+  if (bpf_map_lookup_elem(fd.get(), &key, &word) != 0) Die("reading a control word");
+  return word;
+}
+
+void SetControlWord(int ring, uint64_t word) {
+  android::base::unique_fd fd = OpenPinned(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
+  uint32_t key = KAVO_RING_STATUS_CONTROL;
+  if (bpf_map_update_elem(fd.get(), &key, &word, 0) != 0) Die("writing a control word");
+}
+
+RingCounters RingCounters::Read(int ring) {
+  android::base::unique_fd fd = OpenPinned(RingStatsPath(ring));
+  std::vector<uint64_t> perCpu(static_cast<size_t>(libbpf_num_possible_cpus()));
+  RingCounters counters;
+  for (uint32_t key = 0; key < KAVO_RING_STATS_KEYS; ++key) {
+    if (bpf_map_lookup_elem(fd.get(), &key, perCpu.data()) != 0) Die("reading ring_stats");
+    uint64_t sum = 0;
+    for (uint64_t value : perCpu) sum += value;
+    if (key < KAVO_RING_STATS_LOST_BASE) {
+      counters.written[key] = sum;
+    } else {
+      counters.lost[key - KAVO_RING_STATS_LOST_BASE] = sum;
+    }
+  }
+  return counters;
+}
+
+RingCounters RingCounters::operator-(const RingCounters& earlier) const {
+  RingCounters delta;
+  for (int type = 0; type < 8; ++type) {
+    delta.written[type] = written[type] - earlier.written[type];
+    delta.lost[type] = lost[type] - earlier.lost[type];
+  }
+  return delta;
+}
+
+uint64_t RingCounters::writtenOf(std::initializer_list<int> types) const {
+  uint64_t sum = 0;
+  for (int type : types) sum += written[type];
+  return sum;
+}
+
+uint64_t RingCounters::lostOf(std::initializer_list<int> types) const {
+  uint64_t sum = 0;
+  for (int type : types) sum += lost[type];
+  return sum;
+}
+
+uint64_t RingCounters::allWritten() const {
+  uint64_t sum = 0;
+  for (uint64_t value : written) sum += value;
+  return sum;
+}
+
+uint64_t StatusField(const std::string& path, const char* label) {
+  uint64_t value = 0;
+  const size_t length = strlen(label);
+  Kavo::Bpf::ForEachLine(path.c_str(), [&](std::string_view line) {
+    if (line.compare(0, length, label) != 0) return Kavo::Bpf::LineAction::kContinue;
+    value = strtoull(std::string(line.substr(length)).c_str(), nullptr, 10);
+    return Kavo::Bpf::LineAction::kStop;
+  });
+  return value;
+}
+
+std::map<int, ThreadWakeups> WakeupsByThread(pid_t pid) {
+  std::map<int, ThreadWakeups> threads;
+  const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+  Kavo::Bpf::ForEachDirEntry(dir.c_str(), [&](const char* tid) {
+    if (!Kavo::Bpf::IsDigits(tid)) return Kavo::Bpf::LineAction::kContinue;
+    ThreadWakeups& thread = threads[atoi(tid)];
+    thread.voluntary = StatusField(dir + "/" + tid + "/status", "voluntary_ctxt_switches:");
+    Kavo::Bpf::ForEachLine((dir + "/" + tid + "/comm").c_str(), [&](std::string_view line) {
+      thread.name = std::string(line);
+      return Kavo::Bpf::LineAction::kStop;
+    });
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return threads;
+}
+
+uint64_t TotalWakeups(pid_t pid) {
+  uint64_t total = 0;
+  for (const auto& entry : WakeupsByThread(pid)) total += entry.second.voluntary;
+  return total;
+}
+
+uint64_t ProcessCpuNs(pid_t pid) {
+  std::string dir = "/proc/" + std::to_string(pid) + "/task";
+  uint64_t ns = 0;
+  Kavo::Bpf::ForEachDirEntry(dir.c_str(), [&](const char* name) {
+    if (Kavo::Bpf::IsDigits(name)) ns += SchedstatNs(dir + "/" + name + "/schedstat");
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return ns;
+}
+
+uint64_t ThreadCpuNs(pid_t tid) {
+  return SchedstatNs("/proc/self/task/" + std::to_string(tid) + "/schedstat");
 }
 
 double Median(std::vector<double>* values) {

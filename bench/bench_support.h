@@ -3,8 +3,11 @@
 // What the benchmark programs share: private namespaces like the tests have,
 // the loader, idle processes to fill the process table, and figures.
 
+#include <stdint.h>
 #include <sys/types.h>
 
+#include <initializer_list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,6 +27,8 @@ std::string ToolPath(const std::string& name);
 
 // "major.minor" of the running kernel.
 std::string KernelVersion();
+// The one-minute load average: how busy the rest of the machine was.
+double LoadAverage();
 
 // |count| children that sleep until this object is destroyed.
 class SleepingProcesses {
@@ -40,5 +45,44 @@ class SleepingProcesses {
 
 // The median of |values| (which it sorts).
 double Median(std::vector<double>* values);
+
+// CLOCK_BOOTTIME in nanoseconds: the clock of the records' time stamps.
+uint64_t BootNs();
+
+// Control word (key 0 of the status map) of ring 0 or 1; dies when it cannot
+// be read or written.
+uint64_t ControlWord(int ring);
+void SetControlWord(int ring, uint64_t word);
+
+// What the programs of one set (ring 0 or 1) wrote into their ring and lost
+// to a full ring, per record type, summed over CPUs (the set's pinned
+// ring_stats map).
+struct RingCounters {
+  uint64_t written[8] = {};
+  uint64_t lost[8] = {};
+
+  static RingCounters Read(int ring);
+  RingCounters operator-(const RingCounters& earlier) const;
+  uint64_t writtenOf(std::initializer_list<int> types) const;
+  uint64_t lostOf(std::initializer_list<int> types) const;
+  uint64_t allWritten() const;
+};
+
+// A numeric field of a /proc status file, by its label ("VmRSS:"); 0 when absent.
+uint64_t StatusField(const std::string& path, const char* label);
+
+// Voluntary context switches of every thread of |pid|, by thread id, with
+// the thread's name: each is one wake-up after a blocking wait.
+struct ThreadWakeups {
+  std::string name;
+  uint64_t voluntary = 0;
+};
+std::map<int, ThreadWakeups> WakeupsByThread(pid_t pid);
+uint64_t TotalWakeups(pid_t pid);
+
+// Nanoseconds on CPU of every thread of |pid|, or of the one thread |tid|
+// (from schedstat).
+uint64_t ProcessCpuNs(pid_t pid);
+uint64_t ThreadCpuNs(pid_t tid);
 
 }  // namespace kavo::bench

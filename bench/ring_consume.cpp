@@ -49,25 +49,10 @@ using Clock = std::chrono::steady_clock;
 constexpr char kRingSize[] = "67108864";
 constexpr uint64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
 
-void SetProducers(uint64_t word) {
-  android::base::unique_fd fd(bpf_obj_get(KavoBpfService::RINGBUF_STATUS_PATH[0].c_str()));
-  uint32_t key = KAVO_RING_STATUS_CONTROL;
-  if (fd.get() < 0 || bpf_map_update_elem(fd.get(), &key, &word, 0) != 0)
-    Die("ring_consume: writing the control word");
-}
-
-uint64_t ControlWord() {
-  android::base::unique_fd fd(bpf_obj_get(KavoBpfService::RINGBUF_STATUS_PATH[0].c_str()));
-  uint32_t key = KAVO_RING_STATUS_CONTROL;
-  uint64_t word = 0;
-  bpf_map_lookup_elem(fd.get(), &key, &word);
-  return word;
-}
-
 // Forks |count| children that exit at once, with the producers on, then
 // switches them off again so the backlog stays as it is. Returns forks/s.
 double MakeBacklog(int count) {
-  SetProducers(kProducersOn);
+  SetControlWord(0, kProducersOn);
   auto start = Clock::now();
   for (int i = 0; i < count; ++i) {
     pid_t child = fork();
@@ -75,8 +60,8 @@ double MakeBacklog(int count) {
     if (child > 0) waitpid(child, nullptr, 0);
   }
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  SetProducers(0);
-  if (ControlWord() & KAVO_RING_FULL_BIT) Die("ring_consume: the ring ran full; use fewer --forks");
+  SetControlWord(0, 0);
+  if (ControlWord(0) & KAVO_RING_FULL_BIT) Die("ring_consume: the ring ran full; use fewer --forks");
   return count / seconds;
 }
 

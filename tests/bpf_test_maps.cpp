@@ -119,6 +119,25 @@ bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, 
   return true;
 }
 
+bool PinForeignProgram(const std::string& path, std::string* why) {
+  struct bpf_insn prog[] = {
+      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
+      Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
+  };
+  android::base::unique_fd fd(
+      bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", prog, 2, nullptr));
+  if (fd.get() < 0) {
+    *why = std::string("loading a socket filter: ") + strerror(errno);
+    return false;
+  }
+  unlink(path.c_str());
+  if (bpf_obj_pin(fd.get(), path.c_str()) != 0) {
+    *why = "bpf_obj_pin " + path + ": " + strerror(errno);
+    return false;
+  }
+  return true;
+}
+
 std::string ThreadNames() {
   std::string names;
   Kavo::Bpf::ForEachDirEntry("/proc/self/task", [&names](const char* tid) {

@@ -23,6 +23,11 @@ bool WriteControlWord(const std::string& statusMapPath, uint64_t word);
 // refuses.
 bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
                       uint32_t size = 16);
+// Pins at |path| a program of a kind the kernel never attaches to a
+// tracepoint or a probe (a socket filter that returns 0), standing in for a
+// pinned program the kernel refuses to attach. False with *why when the
+// kernel refuses to load even that.
+bool PinForeignProgram(const std::string& path, std::string* why);
 // Names of the calling process's threads.
 std::string ThreadNames();
 

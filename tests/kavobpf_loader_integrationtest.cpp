@@ -23,35 +23,6 @@ using kavo::test::PathExists;
 using kavo::test::RunCommand;
 using kavo::test::ToolPath;
 
-const char* const kTypeWords[] = {"tracepoint", "kprobe", "kretprobe"};
-
-// Every pinned path the service and its seeding open.
-std::vector<std::string> ExpectedPins() {
-  std::vector<std::string> paths;
-  for (const auto* table : {&KavoBpfService::PROG_EVENT_MAP, &KavoBpfService::PROG_GPL_EVENT_MAP}) {
-    for (const auto& [set, kinds] : *table) {
-      for (const auto& [kind, programs] : kinds) {
-        for (const auto& program : programs) {
-          paths.push_back(KavoBpfService::BPF_FS_PATH + "/prog_" + set + "_" + kTypeWords[kind] +
-                          "_" + program[0]);
-        }
-      }
-    }
-  }
-  for (int ring = 0; ring < KavoBpfService::kRingCount; ++ring) {
-    paths.push_back(KavoBpfService::RINGBUF_MAP_PATH[ring]);
-    paths.push_back(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
-  }
-  const std::string gpl = KavoBpfService::BPF_FS_PATH + "/map_KavoBpfGplDefineset_";
-  paths.push_back(KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map");
-  for (const char* map : {"dmabuf_allocate_map", "dmabuf_size_map", "dmabuf_perprocess_size_map"}) {
-    paths.push_back(gpl + map);
-  }
-  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_INODE_MAP_PATH);
-  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH);
-  return paths;
-}
-
 struct bpf_map_info MapInfo(const std::string& path) {
   struct bpf_map_info info = {};
   android::base::unique_fd fd(bpf_obj_get(path.c_str()));
@@ -68,7 +39,7 @@ TEST(KavobpfLoader, PinsEverythingTheServiceOpensAndCleansUp) {
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
     auto first = RunCommand({ToolPath("kavobpf_loader")});
     ASSERT_EQ(0, first.exitCode) << first.output;
-    for (const std::string& path : ExpectedPins()) EXPECT_TRUE(PathExists(path)) << path;
+    for (const std::string& path : kavo::test::LoaderPins()) EXPECT_TRUE(PathExists(path)) << path;
 
     // The layouts the service relies on.
     struct bpf_map_info status = MapInfo(KavoBpfService::RINGBUF_STATUS_PATH[0]);
@@ -92,7 +63,7 @@ TEST(KavobpfLoader, PinsEverythingTheServiceOpensAndCleansUp) {
 
     auto unload = RunCommand({ToolPath("kavobpf_loader"), "--unload"});
     ASSERT_EQ(0, unload.exitCode) << unload.output;
-    for (const std::string& path : ExpectedPins()) EXPECT_FALSE(PathExists(path)) << path;
+    for (const std::string& path : kavo::test::LoaderPins()) EXPECT_FALSE(PathExists(path)) << path;
     EXPECT_FALSE(PathExists(KavoBpfService::BPF_FS_PATH));
     // Nothing left to unload is not an error either.
     EXPECT_EQ(0, RunCommand({ToolPath("kavobpf_loader"), "--unload"}).exitCode);

@@ -1,5 +1,6 @@
 #include "kernel_side.h"
 
+#include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
@@ -9,7 +10,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
+
+#include "bpf_test_maps.h"
 #include "ns_harness.h"
+#include "service/kavo_bpf_service.h"
 #include "test_process.h"
 #include "utils/kavo_bpf_file.h"
 
@@ -32,6 +38,64 @@ bool LoadKernelSide(std::string* why, const std::vector<std::string>& args) {
   if (result.exitCode == 0) return true;
   *why = "kavobpf_loader exited " + std::to_string(result.exitCode) + ": " + result.output;
   return false;
+}
+
+std::vector<std::string> LoaderPins() {
+  using Kavo::Bpf::KavoBpfService;
+  static const char* const kTypeWords[] = {"tracepoint", "kprobe", "kretprobe"};
+  std::vector<std::string> paths;
+  for (const auto* table : {&KavoBpfService::PROG_EVENT_MAP, &KavoBpfService::PROG_GPL_EVENT_MAP}) {
+    for (const auto& [set, kinds] : *table) {
+      for (const auto& [kind, programs] : kinds) {
+        for (const auto& program : programs) {
+          paths.push_back(KavoBpfService::BPF_FS_PATH + "/prog_" + set + "_" + kTypeWords[kind] +
+                          "_" + program[0]);
+        }
+      }
+    }
+  }
+  for (int ring = 0; ring < KavoBpfService::kRingCount; ++ring) {
+    paths.push_back(KavoBpfService::RINGBUF_MAP_PATH[ring]);
+    paths.push_back(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
+  }
+  const std::string gpl = KavoBpfService::BPF_FS_PATH + "/map_KavoBpfGplDefineset_";
+  paths.push_back(KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map");
+  for (const char* map : {"dmabuf_allocate_map", "dmabuf_size_map", "dmabuf_perprocess_size_map"}) {
+    paths.push_back(gpl + map);
+  }
+  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_INODE_MAP_PATH);
+  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH);
+  return paths;
+}
+
+Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
+                                                const std::vector<std::string>& loaderArgs) {
+  if (!LoadKernelSide(why, loaderArgs)) return nullptr;
+  return StartServiceOnPinnedKernelSide(why);
+}
+
+Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why) {
+  using Kavo::Bpf::KavoBpfService;
+  android::base::SetProperty("ro.kernel.version", RunningKernelVersion());
+  android::base::SetProperty("sys.kavo_bpf_ready", "1");
+  if (!Kavo::Bpf::BpfServiceMain()) {
+    *why = "the service did not start";
+    return nullptr;
+  }
+  constexpr int64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
+  auto producersOn = [](int ring) {
+    int64_t word = ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
+    return word >= 0 && (word & kProducersOn) == kProducersOn;
+  };
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!producersOn(0) || !producersOn(1)) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      *why = "the monitors did not switch their producers on";
+      return nullptr;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return KavoBpfService::GetInstance();
 }
 
 std::string RunningKernelVersion() {

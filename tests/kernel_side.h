@@ -20,6 +20,10 @@
 #include <string>
 #include <vector>
 
+namespace Kavo::Bpf {
+class KavoBpfService;
+}  // namespace Kavo::Bpf
+
 namespace kavo::test {
 
 // Whether the kernel lets this process create a BPF ring buffer.
@@ -27,6 +31,21 @@ bool BpfAvailable(std::string* why);
 
 // Runs kavobpf_loader with |args|; false with its output in *why.
 bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {});
+
+// Every path kavobpf_loader pins that the service and its seeding open:
+// each catalogue program, both rings with their status maps, the fd map and
+// the dma-buf maps.
+std::vector<std::string> LoaderPins();
+
+// Starts the service in this process as the platform would, once the kernel
+// side is pinned, on the running kernel's version; returns once both
+// monitors have switched their producers on, so that every program the
+// kernel accepts is attached and both rings are polled. Null with *why when
+// something refused.
+Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why);
+// LoadKernelSide(why, loaderArgs), then the above.
+Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
+                                                const std::vector<std::string>& loaderArgs = {});
 
 // "major.minor" of the running kernel, as ro.kernel.version would hold it.
 std::string RunningKernelVersion();

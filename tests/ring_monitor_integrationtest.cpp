@@ -46,25 +46,14 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
   return true;
 }
 
-// Loads the kernel side and starts the service as the platform would; returns
-// once both monitors have switched their producers on (and so installed the
-// signal handlers and entered their poll loops).
-KavoBpfService* StartService(std::string* why) {
-  if (!kavo::test::LoadKernelSide(why)) return nullptr;
-  android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
-  android::base::SetProperty("sys.kavo_bpf_ready", "1");
-  if (!Kavo::Bpf::BpfServiceMain()) {
-    *why = "the service did not start";
-    return nullptr;
+// Successful polls the state record holds, over its whole window.
+uint64_t PollsCounted() {
+  KavoBpfDataState* state = KavoBpfDataState::GetInstance();
+  uint64_t polls = 0;
+  for (long long t = state->oldestSecond(); t <= state->newestSecond(); ++t) {
+    polls += state->counterAt(t, KavoBpfDataState::kPollCounter);
   }
-  KavoBpfService* service = KavoBpfService::GetInstance();
-  auto producersOn = [](int ring) {
-    int64_t word = ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
-    return word >= 0 && (word & kProducersOn) == kProducersOn;
-  };
-  bool polling = WaitUntil([&] { return producersOn(0) && producersOn(1); }, 60s);
-  if (!polling) *why = "the monitors did not switch their producers on";
-  return polling ? service : nullptr;
+  return polls;
 }
 
 // Stops the service and checks both monitors said goodbye, promptly.
@@ -86,7 +75,7 @@ TEST(RingMonitor, EveryForkOfABurstReachesTheClientAndStopEndsBothMonitors) {
     std::string why;
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
     kavo::test::LogCapture log;
-    KavoBpfService* service = StartService(&why);
+    KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
     ASSERT_NE(nullptr, service) << why;
     kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT});
 
@@ -125,7 +114,7 @@ TEST(RingMonitor, Signal50WritesTheLoadIntoTheStateRecord) {
     std::string why;
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
     kavo::test::LogCapture log;
-    KavoBpfService* service = StartService(&why);
+    KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
     ASSERT_NE(nullptr, service) << why;
     kavo::test::ForkAndReapChildren(100);
 
@@ -254,6 +243,10 @@ TEST(RingMonitor, SixPollFailuresInARowEndAMonitorFiveDoNot) {
     auto monitor = std::async(std::launch::async, [service] { return service->eventMonitor(); });
     size_t delivered = 0;
     EXPECT_TRUE(WaitUntil([&] { return (delivered += client.Drain().size()) == 1; }, 15s));
+    // The poll that delivered it goes on reading the ring until it is empty:
+    // the next bad record must come after that poll returned, which the poll
+    // counter of the state record shows.
+    EXPECT_TRUE(WaitUntil([] { return PollsCounted() > 0; }, 5s));
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, 9, 1, &why)) << why;
     EXPECT_TRUE(log.WaitFor("Error ring buf poll", 6, 5s));
     EXPECT_EQ(std::future_status::timeout, monitor.wait_for(1500ms))

@@ -48,7 +48,8 @@ void PrintUsage(FILE* out) {
           "\n"
           "Options:\n"
           "  --ring-size BYTES  size of each set's ring buffer; a power of two of at\n"
-          "                     least one page (default: as built, 1048576)\n"
+          "                     least one page (default: as built, 1048576 for\n"
+          "                     KavoBpfDefineset, 131072 for KavoBpfGplDefineset)\n"
           "  --unload           remove the pins of both sets instead of loading\n"
           "  --help             show this text and exit\n");
 }

@@ -144,25 +144,31 @@ int main(int argc, char** argv) {
   }
 
   KavoBpfService* service = KavoBpfService::GetInstance();
-  auto nextPinCheck = std::chrono::steady_clock::now();
-  while (true) {
-    auto now = std::chrono::steady_clock::now();
-    if (signalReady && now >= nextPinCheck) {
-      // The platform's loader reports readiness the same way, once a second.
-      nextPinCheck = now + std::chrono::seconds(1);
-      if (RingBuffersPinned()) {
-        android::base::SetProperty(kReadyProperty, "1");
-        signalReady = false;
+  // Seeding waits for the attachment on a thread of its own, so that this
+  // thread sleeps in sigwait and nothing here wakes up on a timer.
+  std::thread seeder;
+  if (seedFd) {
+    seeder = std::thread([service] {
+      // Returns at the attachment or at a stop; the period only bounds how
+      // long a service that never attaches is waited for between checks.
+      while (!service->waitProgramsAttached(std::chrono::hours(1))) {
+        if (!service->isRunning()) return;
       }
-    }
-    if (seedFd && service->waitProgramsAttached(std::chrono::milliseconds(0))) {
       service->initFdBpfProg();
-      seedFd = false;
+    });
+  }
+  int sig = 0;
+  // The platform's loader reports readiness the same way, once a second.
+  while (signalReady) {
+    if (RingBuffersPinned()) {
+      android::base::SetProperty(kReadyProperty, "1");
+      break;
     }
-    struct timespec tick = {0, 200 * 1000 * 1000};
-    int sig = sigtimedwait(&stopSignals, nullptr, &tick);
+    struct timespec second = {1, 0};
+    sig = sigtimedwait(&stopSignals, nullptr, &second);
     if (sig == SIGINT || sig == SIGTERM) break;
   }
+  while (sig != SIGINT && sig != SIGTERM) sig = sigwaitinfo(&stopSignals, nullptr);
 
   // Monitors blocked in a poll or a start-up step still under way must not
   // keep the process alive past its deadline.
@@ -173,5 +179,6 @@ int main(int argc, char** argv) {
   }).detach();
   service->stop();
   service->Wait();
+  if (seeder.joinable()) seeder.join();
   ExitNow(0);
 }

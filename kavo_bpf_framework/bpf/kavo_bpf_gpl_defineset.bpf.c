@@ -22,6 +22,9 @@
  * Threads of a process update the totals with atomic adds; entries are
  * created without a lock, so two first uses racing may both count.
  */
+/* This ring carries only the rare dma-buf, cgroup and exit-cleanup records:
+ * 128 KiB holds over a thousand of them between two polls. */
+#define KAVO_DEFAULT_RING_SIZE (128 * 1024)
 #include "bpf/kavo_bpf_ring.bpf.h"
 
 char LICENSE[] SEC("license") = "GPL";

@@ -221,6 +221,16 @@ enum kavo_ring_status_key {
 #define KAVO_RING_CORE_ENABLED_BIT 0x2ULL
 #define KAVO_RING_NORMAL_ENABLED_BIT 0x4ULL
 
+/* ring_stats: per-CPU u64 counters of what the set's programs wrote, u32 key.
+ * The service never reads them; they let a reader tell how many records the
+ * kernel produced, and how many it could not place, without consuming any.
+ *
+ *   key t       (0..7)   records of type t written into the ring
+ *   key 8 + t   (8..15)  records of type t lost: the ring was full
+ */
+#define KAVO_RING_STATS_LOST_BASE 8
+#define KAVO_RING_STATS_KEYS 16
+
 /* open_fd_caller_map: key s32 pid. */
 struct kavo_fd_info {
   __s32 pid;

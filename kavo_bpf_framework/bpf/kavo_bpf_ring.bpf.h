@@ -1,8 +1,9 @@
 /*
  * What every program of an object set shares: the set's ring buffer, its
- * status map, the producer gate and the record reservation that notes a full
- * ring. Each object set includes this header once, so each set gets its own
- * `ringbuf_map` and `ringbuf_status`.
+ * status map, its per-CPU record counters, the producer gate and the record
+ * reservation that notes a full ring. Each object set includes this header
+ * once, so each set gets its own `ringbuf_map`, `ringbuf_status` and
+ * `ring_stats`.
  *
  * Status map (ARRAY, u32 key -> u64 value):
  *
@@ -30,8 +31,12 @@
 
 #include "bpf/kavo_bpf_records.h"
 
-/* The loader may replace it (--ring-size); a power of two of at least a page. */
+/* A set may choose its own before including this header; the loader may
+ * replace it (--ring-size). A power of two of at least a page. The consumer
+ * maps a ring's data twice, so each byte here is two bytes of its memory. */
+#ifndef KAVO_DEFAULT_RING_SIZE
 #define KAVO_DEFAULT_RING_SIZE (1024 * 1024)
+#endif
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -44,6 +49,20 @@ struct {
   __type(key, __u32);
   __type(value, __u64);
 } ringbuf_status SEC(".maps");
+
+/* Records written and lost per type, per CPU (see KAVO_RING_STATS_KEYS):
+ * a per-CPU add, so counting costs no atomic and no shared cache line. */
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, KAVO_RING_STATS_KEYS);
+  __type(key, __u32);
+  __type(value, __u64);
+} ring_stats SEC(".maps");
+
+static __always_inline void kavo_count_record(__u32 key) {
+  __u64 *count = bpf_map_lookup_elem(&ring_stats, &key);
+  if (count != NULL) *count += 1;
+}
 
 static __always_inline __u64 *kavo_control_word(void) {
   __u32 key = KAVO_RING_STATUS_CONTROL;
@@ -77,12 +96,15 @@ static __always_inline void kavo_mark_ring_full(void) {
 static __always_inline void *kavo_reserve(__u32 type, __u64 size) {
   struct kavo_event_header *header = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
   if (header == NULL) {
+    kavo_count_record(KAVO_RING_STATS_LOST_BASE + (type & 7));
     kavo_mark_ring_full();
     return NULL;
   }
   __builtin_memset(header, 0, size);
   header->type = type;
   header->time_ns = bpf_ktime_get_boot_ns();
+  /* Every reservation is submitted: counting it here counts the record. */
+  kavo_count_record(type & 7);
   return header;
 }
 

@@ -8,7 +8,7 @@
 
 namespace Kavo::Bpf {
 
-EventManager* EventManager::instance = nullptr;
+std::atomic<EventManager*> EventManager::instance{nullptr};
 std::mutex EventManager::kavoRawEventManagerLock;
 
 namespace {
@@ -20,9 +20,14 @@ void RemoveAll(std::vector<int>& list, int value) {
 }  // namespace
 
 EventManager* EventManager::GetInstance() {
+  // Every record asks for the instance: once it exists, no lock is needed.
+  EventManager* built = instance.load(std::memory_order_acquire);
+  if (built != nullptr) return built;
   std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
-  if (instance == nullptr) instance = new EventManager();
-  return instance;
+  if (instance.load(std::memory_order_relaxed) == nullptr) {
+    instance.store(new EventManager(), std::memory_order_release);
+  }
+  return instance.load(std::memory_order_relaxed);
 }
 
 void EventManager::setPackageManagers(std::map<int, IpcPackageManager>* managers) {

@@ -10,6 +10,7 @@
 // AppendEvent: kavoRawEventManagerLock, a queue's own mutex, then servicelock
 // briefly, then the endpoint's epoll mutex.
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -51,7 +52,8 @@ class KAVO_EXPORT EventManager {
   std::map<int, std::vector<int>> fdEvents;
   std::map<int, std::vector<int>> eventObservers;
 
-  static EventManager* instance;
+  // Published once built; read without the lock on every event.
+  static std::atomic<EventManager*> instance;
 };
 
 }  // namespace Kavo::Bpf

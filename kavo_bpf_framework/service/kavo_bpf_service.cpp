@@ -40,7 +40,7 @@ std::condition_variable gStopWait;
 
 }  // namespace
 
-KavoBpfService* KavoBpfService::instance = nullptr;
+std::atomic<KavoBpfService*> KavoBpfService::instance{nullptr};
 std::mutex KavoBpfService::servicelock;
 
 bool BpfServiceMain() {
@@ -56,9 +56,13 @@ bool BpfServiceMain() {
 }
 
 KavoBpfService* KavoBpfService::GetInstance() {
+  KavoBpfService* built = instance.load(std::memory_order_acquire);
+  if (built != nullptr) return built;
   std::lock_guard<std::mutex> guard(servicelock);
-  if (instance == nullptr) instance = new KavoBpfService();
-  return instance;
+  if (instance.load(std::memory_order_relaxed) == nullptr) {
+    instance.store(new KavoBpfService(), std::memory_order_release);
+  }
+  return instance.load(std::memory_order_relaxed);
 }
 
 KavoBpfService::KavoBpfService() {
@@ -226,7 +230,7 @@ bool KavoBpfService::updateControlWord(int ring, uint64_t bit, bool enable) {
   if (ring < 0 || ring >= kRingCount) return false;
   std::lock_guard<std::mutex> guard(servicelock);
   if (ringStatusFds[ring].get() < 0) {
-    ringStatusFds[ring].reset(bpf_obj_get(RINGBUF_STATUS_PATH[ring].c_str()));
+    ringStatusFds[ring].reset(OpenPinnedObject(RINGBUF_STATUS_PATH[ring]));
   }
   uint32_t key = KAVO_RING_STATUS_CONTROL;
   uint64_t word = 0;

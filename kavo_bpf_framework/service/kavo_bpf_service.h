@@ -17,7 +17,8 @@
 //   kavo_bpf_service_client.cpp        client callbacks and requests
 //
 // Threads: "BpfServicePoll" (ring 0), "BpfServicePGpl" (ring 1) and the IPC
-// loop "BpfServiceTr", all on CPUs 0-2. servicelock guards the instance, the
+// loop "BpfServiceTr", all on CPUs 0-2. servicelock guards the creation of
+// the instance (published atomically, so that finding it takes no lock), the
 // running flag in start()/stop() and every read-modify-write of a ring's
 // control word.
 
@@ -178,8 +179,9 @@ class KAVO_EXPORT KavoBpfService {
   std::map<int, std::map<unsigned, int>> dmabufMappings;
   android::base::unique_fd processInodeMapFd;
   android::base::unique_fd processMmapInfosFd;
-  // 7. Names a process carries while it is still being set up.
-  std::set<std::string> provisionalCommNames;
+  // 7. Names a process carries while it is still being set up (looked up
+  // by string_view, once per RSS record, without building a string).
+  std::set<std::string, std::less<>> provisionalCommNames;
   // 8. Producer threads.
   std::thread producerThread;
   std::thread gplProducerThread;
@@ -195,7 +197,8 @@ class KAVO_EXPORT KavoBpfService {
   // Written by stop() so that monitors blocked in their poll wake up at once.
   android::base::unique_fd stopEventFd;
 
-  static KavoBpfService* instance;
+  // Published once built; read without servicelock on every record.
+  static std::atomic<KavoBpfService*> instance;
 };
 
 }  // namespace Kavo::Bpf

@@ -62,9 +62,10 @@ int KavoBpfService::onClientLibReadable(int fd, BufferState* readBuffer) {
 int KavoBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
   auto it = packageManagers.find(fd);
   if (it == packageManagers.end()) return 0;
-  // Whole packages back to back, until the next one does not fit.
-  while (it->second.fillNextIpcPackageToBuffer(writeBuffer)) {
-  }
+  // Whole packages back to back, until the next one does not fit: what
+  // repeated fillNextIpcPackageToBuffer calls do, under one lock of the queue
+  // rather than one per package, so producers appending meanwhile wait once.
+  it->second.fillNextIpcPackagesToBuffer(writeBuffer);
   return 0;
 }
 

@@ -45,14 +45,14 @@ void ForEachProcess(const std::function<void(const std::string& pidName)>& visit
 }  // namespace
 
 int KavoBpfService::initBpfMap() {
-  processInodeMapFd.reset(bpf_obj_get(DMABUF_BPF_PROCESS_INODE_MAP_PATH.c_str()));
+  processInodeMapFd.reset(OpenPinnedObject(DMABUF_BPF_PROCESS_INODE_MAP_PATH));
   if (processInodeMapFd.get() < 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "[KavoBpfService][InitBpfMap] get processInodeMap failed: %s",
                         strerror(errno));
     errno = 0;
     return -1;
   }
-  processMmapInfosFd.reset(bpf_obj_get(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH.c_str()));
+  processMmapInfosFd.reset(OpenPinnedObject(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH));
   if (processMmapInfosFd.get() < 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "[KavoBpfService][InitBpfMap] get processMmapInfos failed: %s",
                         strerror(errno));
@@ -64,7 +64,7 @@ int KavoBpfService::initBpfMap() {
 
 void KavoBpfService::initFdBpfProg() {
   __android_log_print(ANDROID_LOG_ERROR, kTag, "[KavoBpfService][INIT] update open_fd_caller_map !");
-  android::base::unique_fd mapFd(bpf_obj_get(kFdMapPath));
+  android::base::unique_fd mapFd(OpenPinnedObject(kFdMapPath));
   if (mapFd.get() < 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "[KavoBpfService][INIT] get map_KavoBpfDefineset_open_fd_caller_map(%d) failed! %s", -1,
@@ -123,7 +123,7 @@ void KavoBpfService::initDmabufBpfProg() {
       {"process_mmap_infos", "[KavoBpfService][INIT] get processMmapInfos(%d) failed! %s", {}},
   };
   for (MapToOpen& map : maps) {
-    map.fd.reset(bpf_obj_get(GplMapPath(map.name).c_str()));
+    map.fd.reset(OpenPinnedObject(GplMapPath(map.name)));
     if (map.fd.get() < 0) {
       __android_log_print(ANDROID_LOG_ERROR, kTag, map.failure, -1, strerror(errno));
       return;

@@ -79,7 +79,7 @@ int KavoBpfService::monitorRing(int ring) {
   const char* name = kMonitorNames[ring];
   InstallDumpSignalHandlers();
 
-  android::base::unique_fd ringFd(bpf_obj_get(RINGBUF_MAP_PATH[ring].c_str()));
+  android::base::unique_fd ringFd(OpenPinnedObject(RINGBUF_MAP_PATH[ring]));
   if (ringFd.get() < 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "[KavoBpfService][%s] KAVOBPF: get ringbuf failed: %s, map fd: %d", name,
@@ -92,7 +92,7 @@ int KavoBpfService::monitorRing(int ring) {
     std::lock_guard<std::mutex> guard(servicelock);
     ringBufferFds[ring] = std::move(ringFd);
   }
-  android::base::unique_fd statusFd(bpf_obj_get(RINGBUF_STATUS_PATH[ring].c_str()));
+  android::base::unique_fd statusFd(OpenPinnedObject(RINGBUF_STATUS_PATH[ring]));
   if (statusFd.get() < 0) {
     __android_log_print(
         ANDROID_LOG_ERROR, kTag,

@@ -25,9 +25,10 @@ bool Contains(std::string_view line, const std::string& prefix) {
   return line.find(prefix) != std::string_view::npos;
 }
 
-// The text after a prefix of |prefixLength| characters at the line's start.
+// The text after a prefix of |prefixLength| characters at the line's start;
+// empty, but still pointing into the line, when nothing follows.
 std::string_view ValueAfter(std::string_view line, size_t prefixLength) {
-  return line.size() > prefixLength ? line.substr(prefixLength) : std::string_view();
+  return line.substr(std::min(prefixLength, line.size()));
 }
 
 }  // namespace

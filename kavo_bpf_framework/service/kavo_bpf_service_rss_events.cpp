@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <optional>
+#include <string_view>
 
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
@@ -40,16 +41,23 @@ int KavoBpfService::handleKmem_RssStat(char* data, long long size) {
 
   std::optional<kavo_memory_changed_event> report;
   {
-    std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
-    KavoTask* task = KavoTaskManager::GetInstance()->GetKavoTask(event.pid);
+    std::unique_lock<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
+    KavoTaskManager* tasks = KavoTaskManager::GetInstance();
+    KavoTask* task = tasks->GetKavoTask(event.pid);
     if (task == nullptr) return 0;
 
     // A process still carrying a provisional name gets its real one (and its
-    // parent) from /proc, at most every few seconds.
-    if (provisionalCommNames.count(std::string(task->comm, strnlen(task->comm, sizeof(task->comm)))) != 0 &&
+    // parent) from /proc, at most every few seconds. The file is read with
+    // the table unlocked, so a dump never waits for it.
+    if (provisionalCommNames.count(std::string_view(task->comm, strnlen(task->comm, sizeof(task->comm)))) != 0 &&
         static_cast<int64_t>(GetSystemSecondsTime()) - task->lastInfoTime >= kNameRefreshSeconds) {
       UpdateProcessExdata info = {};
-      if (getProcessInfo(task->pid, &info) == 0) {
+      guard.unlock();
+      const bool read = getProcessInfo(event.pid, &info) == 0;
+      guard.lock();
+      task = tasks->GetKavoTask(event.pid);
+      if (task == nullptr) return 0;
+      if (read) {
         task->ppid = info.ppid;
         memcpy(task->comm, info.comm, sizeof(task->comm));
       }
@@ -58,14 +66,15 @@ int KavoBpfService::handleKmem_RssStat(char* data, long long size) {
 
     task->mmId = 1000;
     task->rssSize[event.member] = event.size;
-    int64_t changed = 0;
+    // Magnitudes summed unsigned and saturated: damaged sizes cannot overflow.
+    uint64_t changed = 0;
     for (int m = 0; m < KAVO_RSS_MEMBERS; ++m) {
-      long long diff = SubAbs(task->rssSize[m], task->rssOldSize[m]);
-      changed = diff > INT64_MAX - changed ? INT64_MAX : changed + diff;
+      uint64_t diff = static_cast<uint64_t>(SubAbs(task->rssSize[m], task->rssOldSize[m]));
+      changed = diff > UINT64_MAX - changed ? UINT64_MAX : changed + diff;
     }
     if (!Reportable(*task)) return 0;
-    if (static_cast<int64_t>(event.header.time_ns) - task->firstSeenNs < kReportAfterNs ||
-        changed < kReportStepBytes) {
+    if (ElapsedNs(event.header.time_ns, task->firstSeenNs) < kReportAfterNs ||
+        changed < static_cast<uint64_t>(kReportStepBytes)) {
       return 0;
     }
     kavo_memory_changed_event changedEvent = {};

@@ -50,7 +50,7 @@ std::optional<kavo_thread_count_event> ChangeThreadCount(int32_t pid, uint64_t e
   // Threads that came or went before the table saw the process do not count.
   if (task == nullptr || !(task->firstSeenNs < static_cast<int64_t>(eventTime))) return std::nullopt;
   task->threadNum += delta;
-  if (static_cast<int64_t>(eventTime) - task->firstSeenNs < kReportAfterNs ||
+  if (ElapsedNs(eventTime, task->firstSeenNs) < kReportAfterNs ||
       SubAbs(task->threadNum, task->oldThreadNum) <= kThreadReportStep) {
     return std::nullopt;
   }

@@ -24,7 +24,7 @@ constexpr size_t kStatStartTimeField = 21;
 
 bool StartsWithPrefixAnywhere(std::string_view line, const std::string& prefix, std::string_view* value) {
   if (line.find(prefix) == std::string_view::npos) return false;
-  *value = line.size() > prefix.size() ? line.substr(prefix.size()) : std::string_view();
+  *value = line.substr(std::min(prefix.size(), line.size()));
   return true;
 }
 

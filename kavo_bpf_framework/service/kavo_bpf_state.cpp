@@ -6,6 +6,7 @@
 #include <android/log.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,13 @@ namespace Kavo::Bpf {
 namespace {
 
 constexpr char kTag[] = "BpfUtils";
+constexpr int64_t kNsPerSecond = 1000000000;
+
+int64_t NowNs(clockid_t clockId) {
+  struct timespec ts;
+  clock_gettime(clockId, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * kNsPerSecond + ts.tv_nsec;
+}
 
 }  // namespace
 
@@ -29,8 +37,7 @@ const std::string KavoBpfDataState::KAVOTASK_DUMP_TEMPLATE =
     "/data/kavolog/stability/kavobpfframework/bpfservice_state.csv";
 
 KavoBpfDataState* KavoBpfDataState::GetInstance() {
-  static KavoBpfDataState* instance =
-      new KavoBpfDataState([] { return static_cast<long long>(GetSystemSecondsTime()); });
+  static KavoBpfDataState* instance = new KavoBpfDataState(BootClock());
   return instance;
 }
 
@@ -39,6 +46,26 @@ KavoBpfDataState::KavoBpfDataState(std::function<long long()> secondsClock)
   for (Slot& slot : slots) {
     for (std::atomic<uint32_t>& counter : slot) counter.store(0, std::memory_order_relaxed);
   }
+}
+
+KavoBpfDataState::KavoBpfDataState(BootClock)
+    : KavoBpfDataState([] { return static_cast<long long>(GetSystemSecondsTime()); }) {
+  struct timespec resolution;
+  if (clock_getres(CLOCK_MONOTONIC_COARSE, &resolution) == 0) {
+    gated_ = true;
+    coarseResolutionNs_ = resolution.tv_sec * kNsPerSecond + resolution.tv_nsec;
+  }
+}
+
+bool KavoBpfDataState::secondMayHaveChanged() {
+  const int64_t coarse = NowNs(CLOCK_MONOTONIC_COARSE);
+  if (coarse < gateNs_.load(std::memory_order_relaxed)) return false;
+  // The coarse clock is the time of the last tick: stop trusting it two
+  // ticks before the next second begins, one to spare for a late tick.
+  const int64_t boot = NowNs(CLOCK_BOOTTIME);
+  const int64_t toNextSecond = kNsPerSecond - boot % kNsPerSecond;
+  gateNs_.store(coarse + toNextSecond - 2 * coarseResolutionNs_, std::memory_order_relaxed);
+  return true;
 }
 
 int KavoBpfDataState::SlotOf(long long t) {
@@ -74,7 +101,9 @@ void KavoBpfDataState::advance() {
 
 void KavoBpfDataState::RecordEvent(int type, int count) {
   if (type < 0 || type >= kCounters) return;
-  if (clock() != lastTime.load(std::memory_order_relaxed)) advance();
+  if ((!gated_ || secondMayHaveChanged()) && clock() != lastTime.load(std::memory_order_relaxed)) {
+    advance();
+  }
   slots[SlotOf(newest.load(std::memory_order_acquire))][type].fetch_add(
       static_cast<uint32_t>(count), std::memory_order_relaxed);
 }

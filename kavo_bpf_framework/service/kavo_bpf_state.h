@@ -16,6 +16,13 @@
 // slot advance at a second boundary (which clears the skipped slots) takes a
 // small lock that no signal handler ever takes. An event counted while
 // another thread moves to the next second may land in the previous second.
+//
+// The service's own instance reads its seconds clock once a second rather
+// than once per record: after each read it knows how far off the next second
+// is, and until then a coarse monotonic clock (a memory read) shows that the
+// second cannot have changed. Only across a system suspend, when boot time
+// jumps ahead of the monotonic clock, may records of up to a second after
+// the resume still count in the second before it.
 
 #include <stdint.h>
 
@@ -60,8 +67,16 @@ class KAVO_EXPORT KavoBpfDataState {
 
  private:
   using Slot = std::array<std::atomic<uint32_t>, kCounters>;
+  struct BootClock {};
+
+  // The service's instance: the seconds clock is basetime + CLOCK_BOOTTIME,
+  // read through the once-a-second gate described above.
+  explicit KavoBpfDataState(BootClock);
 
   static int SlotOf(long long t);
+  // For the gated instance: whether the seconds clock may have moved on
+  // since it was last read; when it may, reads it and sets the next gate.
+  bool secondMayHaveChanged();
   // Moves the current second to the clock's, clearing the skipped slots.
   void advance();
 
@@ -72,6 +87,11 @@ class KAVO_EXPORT KavoBpfDataState {
   std::atomic<int> newest{0};
   std::atomic<int> oldest{0};
   std::array<Slot, kSlots> slots;
+  // Coarse monotonic nanoseconds before which the second cannot change;
+  // gated_ only (a test clock is read on every record).
+  bool gated_ = false;
+  std::atomic<int64_t> gateNs_{0};
+  int64_t coarseResolutionNs_ = 0;
 };
 
 // Signal 50: asks the dump thread to write the state record (async-signal-safe).

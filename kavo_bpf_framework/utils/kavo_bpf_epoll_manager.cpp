@@ -27,7 +27,9 @@ constexpr auto kWaitFailurePause = std::chrono::milliseconds(100);
 
 EpollManager::EpollManager(int size, int maxEvents, std::function<int()> initFunc,
                            const char* threadName, cpu_set_t cpus, int timeout)
-    : cpuSet_(cpus), threadName_(threadName != nullptr ? threadName : kDefaultName) {
+    : cpuSet_(cpus),
+      threadName_(threadName != nullptr ? threadName : kDefaultName),
+      writeSlots_(std::make_unique<WriteSlot[]>(kWriteSlots)) {
   if (CPU_COUNT(&cpuSet_) == 0) {
     __android_log_print(ANDROID_LOG_ERROR, threadName_, "[EpollManager] cpu affinity invalid!");
     CPU_SET(0, &cpuSet_);
@@ -105,6 +107,7 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback callback) {
   Registration& registration = callbacks_[fd];
   registration.callbacks = std::move(shared);
   registration.events = mask;
+  if (WriteSlot* slot = slotOf(fd)) slot->armed.store(false);
   return true;
 }
 
@@ -117,11 +120,22 @@ bool EpollManager::delMonitorFd(int fd) {
     return false;
   }
   callbacks_.erase(fd);
+  if (WriteSlot* slot = slotOf(fd)) slot->armed.store(false);
   return true;
 }
 
 bool EpollManager::notifyWriteEventReady(int fd) {
+  // The common case, EPOLLOUT already on: count the request and go.
+  if (WriteSlot* slot = slotOf(fd)) {
+    slot->requests.fetch_add(1);
+    if (slot->armed.load()) return true;
+  }
   return changeWriteInterest(fd, true, "notifyWriteEventReady", nullptr);
+}
+
+uint64_t EpollManager::writeRequestsOf(int fd, const Registration& registration) {
+  const WriteSlot* slot = slotOf(fd);
+  return slot != nullptr ? slot->requests.load() : registration.writeRequests;
 }
 
 bool EpollManager::markWriteEventFinish(int fd) {
@@ -138,24 +152,38 @@ bool EpollManager::changeWriteInterest(int fd, bool want, const char* op,
     return false;
   }
   Registration& registration = it->second;
+  WriteSlot* slot = slotOf(fd);
   if (want) {
-    ++registration.writeRequests;
+    // (A slot's request was counted before the mutex was taken.)
+    if (slot == nullptr) ++registration.writeRequests;
     // Level-triggered: asking again for EPOLLOUT that is set changes nothing,
     // and producers ask once per queued event.
     if ((registration.events & EPOLLOUT) != 0) return true;
-  } else if (seenRequests != nullptr && *seenRequests != registration.writeRequests) {
+  } else {
     // Someone queued data after the write callback looked: keep EPOLLOUT so
     // the callback runs again instead of leaving that data waiting.
-    return true;
+    if (seenRequests != nullptr && *seenRequests != writeRequestsOf(fd, registration)) return true;
+    if (slot != nullptr) {
+      // Askers that still see "armed" skip the mutex: take it away first,
+      // then look once more for a request that came in meanwhile.
+      slot->armed.store(false);
+      if (seenRequests != nullptr && *seenRequests != slot->requests.load()) {
+        slot->armed.store((registration.events & EPOLLOUT) != 0);
+        return true;
+      }
+    }
   }
   const uint32_t mask = want ? registration.events | EPOLLOUT : registration.events & ~EPOLLOUT;
   if (!EpollCtlMod(epollFd_.get(), fd, mask)) {
     __android_log_print(ANDROID_LOG_ERROR, threadName_,
                         "[EpollManager][%s] Epoll mod monitor failed, fd: %d, message: %s", op, fd,
                         strerror(errno));
+    // Still as it was: armed again when EPOLLOUT stayed on.
+    if (slot != nullptr) slot->armed.store((registration.events & EPOLLOUT) != 0);
     return false;
   }
   registration.events = mask;
+  if (slot != nullptr) slot->armed.store(want);
   return true;
 }
 
@@ -167,7 +195,7 @@ std::shared_ptr<const EpollCallback> EpollManager::lookup(int fd, bool create,
     if (!create) return nullptr;
     it = callbacks_.emplace(fd, Registration{}).first;
   }
-  if (writeRequests != nullptr) *writeRequests = it->second.writeRequests;
+  if (writeRequests != nullptr) *writeRequests = writeRequestsOf(fd, it->second);
   return it->second.callbacks;
 }
 

@@ -19,6 +19,13 @@
 // guarded by one mutex, and callbacks are called outside it, so a callback
 // may add or remove fds. fds are normally added on the loop thread (the init
 // function and the callbacks).
+//
+// Producers ask for EPOLLOUT once per queued event, and almost always find
+// it already on. For fds below kWriteSlots that answer comes from a per-fd
+// slot without the mutex: the asker counts its request, then reads "armed";
+// the loop, about to clear EPOLLOUT, clears "armed", then looks at the count
+// again and keeps EPOLLOUT if it moved. With both sides in that order (and
+// sequentially consistent), a request is never left without EPOLLOUT.
 
 #include <sched.h>
 #include <stdint.h>
@@ -80,12 +87,22 @@ class KAVO_EXPORT EpollManager {
   // writeEventNow() can call them outside the mutex while other threads
   // change the table; writeRequests counts notifyWriteEventReady() calls so
   // that the loop does not clear EPOLLOUT that was asked for again while the
-  // write callback ran.
+  // write callback ran (fds with a write slot count there instead).
   struct Registration {
     std::shared_ptr<const EpollCallback> callbacks;
     uint32_t events = 0;
     uint64_t writeRequests = 0;
   };
+  // Lock-free write state of a small fd (see the top of this file). armed
+  // mirrors EPOLLOUT in the fd's registration and changes under the mutex.
+  struct WriteSlot {
+    std::atomic<uint64_t> requests{0};
+    std::atomic<bool> armed{false};
+  };
+  static constexpr int kWriteSlots = 1024;
+  WriteSlot* slotOf(int fd) { return fd >= 0 && fd < kWriteSlots ? &writeSlots_[fd] : nullptr; }
+  // The fd's write requests so far; with the mutex held.
+  uint64_t writeRequestsOf(int fd, const Registration& registration);
 
   void mainThread();
   void dispatch(const epoll_event& event);
@@ -108,5 +125,6 @@ class KAVO_EXPORT EpollManager {
   int timeout_;
   std::vector<epoll_event> events_;
   std::map<int, Registration> callbacks_;  // guarded by mutex_
+  std::unique_ptr<WriteSlot[]> writeSlots_;
   std::function<int()> initFunc_;
 };

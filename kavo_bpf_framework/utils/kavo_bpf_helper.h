@@ -42,6 +42,11 @@ KAVO_EXPORT unsigned long long GetSystemMillisecondsTime(bool monotonic);
 KAVO_EXPORT unsigned long long GetSystemSecondsTime();
 
 KAVO_EXPORT long long SubAbs(long long a, long long b);
+// later - earlier for kernel nanosecond stamps, wrapping in two's complement
+// (defined for any pair, unlike a signed subtraction).
+inline long long ElapsedNs(unsigned long long later, long long earlier) {
+  return static_cast<long long>(later - static_cast<unsigned long long>(earlier));
+}
 
 // ---- Strings ---------------------------------------------------------------
 
@@ -96,6 +101,10 @@ enum KavoBpfAttachKind : int {
 KAVO_EXPORT bool CheckBpfCompatibility(const std::string& condition);
 // True when |fileName| begins with "prog_".
 KAVO_EXPORT bool IsBpfProg(const std::string& fileName);
+
+// Opens the object pinned at |path| (with bpf_obj_get, or read-only): its
+// descriptor, or -1 with errno set. libbpf itself returns -errno.
+int OpenPinnedObject(const std::string& path, bool readOnly = false);
 
 KAVO_EXPORT int RetrieveProgramFd(const std::string& dir, const std::string& fileName);
 KAVO_EXPORT int RetrieveProgramFd(const std::string& dir, const std::string& set,

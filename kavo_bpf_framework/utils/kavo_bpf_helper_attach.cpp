@@ -24,14 +24,6 @@ constexpr char kKernelVersionProperty[] = "ro.kernel.version";
 constexpr char kKprobeEventSuffix[] = "_kavobpf";
 constexpr char kProgPrefix[] = "prog_";
 
-int OpenPinnedProgram(const std::string& path) {
-  struct bpf_obj_get_opts opts = {};
-  opts.sz = sizeof(opts);
-  opts.file_flags = BPF_F_RDONLY;
-  int fd = bpf_obj_get_opts(path.c_str(), &opts);
-  return fd < 0 ? -1 : fd;
-}
-
 // The text after the first '_' of |name|, or "" when there is none.
 std::string AfterFirstUnderscore(const std::string& name) {
   size_t underscore = name.find('_');
@@ -43,6 +35,16 @@ bool StartsWith(const std::string& s, const char* prefix) {
 }
 
 }  // namespace
+
+int OpenPinnedObject(const std::string& path, bool readOnly) {
+  struct bpf_obj_get_opts opts = {};
+  opts.sz = sizeof(opts);
+  opts.file_flags = readOnly ? BPF_F_RDONLY : 0;
+  int fd = bpf_obj_get_opts(path.c_str(), &opts);
+  if (fd >= 0) return fd;
+  errno = -fd;
+  return -1;
+}
 
 bool CheckBpfCompatibility(const std::string& condition) {
   if (condition.empty()) return false;
@@ -75,13 +77,14 @@ bool CheckBpfCompatibility(const std::string& condition) {
 bool IsBpfProg(const std::string& fileName) { return StartsWith(fileName, kProgPrefix); }
 
 int RetrieveProgramFd(const std::string& dir, const std::string& fileName) {
-  return OpenPinnedProgram(dir + "/" + fileName);
+  return OpenPinnedObject(dir + "/" + fileName, true);
 }
 
 int RetrieveProgramFd(const std::string& dir, const std::string& set, const std::string& type,
                       const std::string& progName) {
-  return OpenPinnedProgram(StringPrintf("%s/prog_%s_%s_%s", dir.c_str(), set.c_str(), type.c_str(),
-                                        progName.c_str()));
+  return OpenPinnedObject(StringPrintf("%s/prog_%s_%s_%s", dir.c_str(), set.c_str(), type.c_str(),
+                                       progName.c_str()),
+                          true);
 }
 
 int AttachTracepointProgram(const std::string& dir, const std::string& set,

@@ -23,6 +23,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "utils/kavo_bpf_export.h"
@@ -30,12 +32,35 @@
 // Size of the first-level header.
 constexpr unsigned ipcPackageHeaderSize = 4;
 
+// Leaves new elements uninitialised. A connection's buffers are sized to the
+// largest frame (32 KiB each way at the service) but an idle connection uses
+// a few hundred bytes of them; untouched, the rest costs no memory. Bytes are
+// only ever read between the cursors, where they were written first.
+template <typename T>
+struct UninitializedAllocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = UninitializedAllocator<U>;
+  };
+  UninitializedAllocator() = default;
+  template <typename U>
+  UninitializedAllocator(const UninitializedAllocator<U>&) noexcept {}
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+
 // One connection's buffer for one direction. Data lies in
 // [bufferCursor, bufferDataCursor); bufferCursor <= bufferDataCursor <= size().
 struct KAVO_EXPORT BufferState {
   size_t bufferCursor = 0;
   size_t bufferDataCursor = 0;
-  std::vector<char> buffer;
+  std::vector<char, UninitializedAllocator<char>> buffer;
 
   size_t size() const { return buffer.size(); }
   char* data() { return buffer.data(); }

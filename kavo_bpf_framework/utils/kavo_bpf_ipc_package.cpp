@@ -7,6 +7,8 @@
 //
 // A package that fits only once the buffer has drained stays queued; one
 // that could never fit (4 + size > N) is dropped when it reaches the front.
+// The queue already holds each package behind its size (FrameQueue), so the
+// copy out is the frame as it stands.
 
 #define LOG_TAG "BpfUtils"
 
@@ -34,13 +36,23 @@ constexpr uint32_t kReqRespHeaderSize = kSecondLevelHeaderSize + sizeof(KavoReqI
 static_assert(sizeof(KavoReqIpcPackageHeader) == sizeof(KavoRespIpcPackageHeader),
               "requests and responses share one layout");
 
+// A queued package as the send path sees it: its size and its bytes.
+struct QueuedPackage {
+  struct Bytes {
+    const char* data;
+    uint32_t size;
+  };
+  uint32_t size;
+  Bytes data;
+};
+
 // Appends to a send buffer in the two pieces a queued package is written as:
 // its u32 size, then its bytes.
 class SendBufferWriter {
  public:
   explicit SendBufferWriter(BufferState* buffer) : buffer_(buffer) {}
   bool write(uint32_t size) { return buffer_->write(&size, sizeof(size)); }
-  bool write(const std::vector<char>& bytes) { return buffer_->write(bytes.data(), bytes.size()); }
+  bool write(const QueuedPackage::Bytes& bytes) { return buffer_->write(bytes.data, bytes.size); }
 
  private:
   BufferState* buffer_;
@@ -48,22 +60,18 @@ class SendBufferWriter {
 
 void PutU32(char* at, uint32_t value) { memcpy(at, &value, sizeof(value)); }
 
-// type | size | first | second | dataSize | data: a request or a response.
-// |available| bytes of |data| exist; the rest of dataSize stays zero.
-KavoIpcPackage BuildReqRespPackage(uint32_t type, uint32_t first, uint32_t second,
-                                   uint32_t dataSize, const char* data, size_t available) {
-  KavoIpcPackage package;
-  package.size = kReqRespHeaderSize + dataSize;
-  package.data.assign(package.size, 0);
-  char* p = package.data.data();
+// type | size | first | second | dataSize | data, written at |p|: a request
+// or a response. |available| bytes of |data| exist; the rest stays zero.
+void BuildReqResp(char* p, uint32_t type, uint32_t first, uint32_t second, uint32_t dataSize,
+                  const char* data, size_t available) {
   PutU32(p, type);
-  PutU32(p + 4, package.size - kSecondLevelHeaderSize);
+  PutU32(p + 4, kReqRespHeaderSize - kSecondLevelHeaderSize + dataSize);
   PutU32(p + 8, first);
   PutU32(p + 12, second);
   PutU32(p + 16, dataSize);
   const size_t copied = std::min<size_t>(dataSize, available);
   if (copied != 0) memcpy(p + kReqRespHeaderSize, data, copied);
-  return package;
+  memset(p + kReqRespHeaderSize + copied, 0, dataSize - copied);
 }
 
 void LogPackageDamaged() {
@@ -83,10 +91,11 @@ void IpcPackageManager::appendRespIpcPackage(KavoRespIpcPackage* resp) {
                         resp->dataSize);
     return;
   }
-  enqueue(BuildReqRespPackage(KAVO_IPC_RESPONSE, resp->reqId, static_cast<uint32_t>(resp->result),
-                              resp->dataSize, resp->data.data(), resp->data.size()),
-          Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_RESPONSE,
-          "[AppendRespIpc] ipc Package Queue too big: %zu");
+  enqueue(kReqRespHeaderSize + resp->dataSize, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_RESPONSE,
+          "[AppendRespIpc] ipc Package Queue too big: %zu", [resp](char* p) {
+            BuildReqResp(p, KAVO_IPC_RESPONSE, resp->reqId, static_cast<uint32_t>(resp->result),
+                         resp->dataSize, resp->data.data(), resp->data.size());
+          });
 }
 
 void IpcPackageManager::appendReqIpcPackage(KavoReqIpcPackage* req) {
@@ -95,10 +104,11 @@ void IpcPackageManager::appendReqIpcPackage(KavoReqIpcPackage* req) {
                         req->dataSize);
     return;
   }
-  enqueue(BuildReqRespPackage(KAVO_IPC_REQUEST, req->reqId, req->reqType, req->dataSize, req->data,
-                              req->data != nullptr ? req->dataSize : 0),
-          Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_REQUEST,
-          "[AppendReqIpc] ipc Package Queue too big: %zu");
+  enqueue(kReqRespHeaderSize + req->dataSize, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_REQUEST,
+          "[AppendReqIpc] ipc Package Queue too big: %zu", [req](char* p) {
+            BuildReqResp(p, KAVO_IPC_REQUEST, req->reqId, req->reqType, req->dataSize, req->data,
+                         req->data != nullptr ? req->dataSize : 0);
+          });
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, char* data, unsigned size) {
@@ -107,40 +117,44 @@ bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, char* data
     __android_log_print(ANDROID_LOG_ERROR, kTag, "[AppendSecondIpc] ipc package too big: %u", size);
     return false;
   }
-  KavoIpcPackage package;
-  package.size = kSecondLevelHeaderSize + size;
-  package.data.resize(package.size);
-  PutU32(package.data.data(), type);
-  PutU32(package.data.data() + 4, size);
-  if (size != 0 && data != nullptr) memcpy(package.data.data() + kSecondLevelHeaderSize, data, size);
-  enqueue(std::move(package), Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL,
-          "[AppendSecondIpc] ipc Package Queue too big: %zu");
+  enqueue(kSecondLevelHeaderSize + size, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL,
+          "[AppendSecondIpc] ipc Package Queue too big: %zu", [type, data, size](char* p) {
+            PutU32(p, type);
+            PutU32(p + 4, size);
+            if (data != nullptr) {
+              memcpy(p + kSecondLevelHeaderSize, data, size);
+            } else {
+              memset(p + kSecondLevelHeaderSize, 0, size);
+            }
+          });
   return true;
 }
 
 void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned size) {
-  KavoIpcPackage package;
-  package.size = size;
-  if (data != nullptr) {
-    package.data.assign(data, data + size);
-  } else {
-    package.data.resize(size);
-  }
-  enqueue(std::move(package), Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_PACKAGE,
-          "[BuildAndAppendIpc] ipc Package Queue too big: %zu");
+  enqueue(size, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_PACKAGE,
+          "[BuildAndAppendIpc] ipc Package Queue too big: %zu", [data, size](char* p) {
+            if (data != nullptr) {
+              memcpy(p, data, size);
+            } else {
+              memset(p, 0, size);
+            }
+          });
 }
 
-void IpcPackageManager::enqueue(KavoIpcPackage package, int errorCode, const char* logFormat) {
+template <typename Fill>
+void IpcPackageManager::enqueue(uint32_t size, int errorCode, const char* logFormat, const Fill& fill) {
   size_t trimmedFrom = 0;
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (queue_.size() > kQueueHighWater) {
+    if (queue_.count() > kQueueHighWater) {
       // A client that stopped reading: keep the newest packages.
-      trimmedFrom = queue_.size();
-      while (queue_.size() > kQueueTrimTarget) queue_.pop_front();
+      trimmedFrom = queue_.count();
+      while (queue_.count() > kQueueTrimTarget) queue_.pop();
     }
-    queue_.push_back(std::move(package));
-    count_.store(queue_.size(), std::memory_order_relaxed);
+    // Built in place: the bytes are copied once, from the caller's record
+    // (a few dozen bytes for an event) into the queue's storage.
+    fill(queue_.push(size));
+    count_.store(queue_.count(), std::memory_order_relaxed);
     cond_.notify_all();
   }
   // The record rewrites a file: not while producers wait for the queue.
@@ -152,23 +166,18 @@ void IpcPackageManager::enqueue(KavoIpcPackage package, int errorCode, const cha
   }
 }
 
-bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
-  std::unique_lock<std::mutex> lock(mutex_);
+bool IpcPackageManager::moveFrontLocked(BufferState* buffer, bool* tooBig) {
   if (queue_.empty()) return false;
-  const KavoIpcPackage& ipcPackage = queue_.front();
+  const QueuedPackage ipcPackage = {queue_.frontSize(), {queue_.frontBytes(), queue_.frontSize()}};
   if (ipcPackage.size >= kDamagedPackageSize) {
     LogPackageDamaged();
-    queue_.pop_front();
-    count_.store(queue_.size(), std::memory_order_relaxed);
+    queue_.pop();
     return false;
   }
   const size_t wireSize = static_cast<size_t>(ipcPackage.size) + ipcPackageHeaderSize;
   if (wireSize > buffer->size()) {
-    queue_.pop_front();
-    count_.store(queue_.size(), std::memory_order_relaxed);
-    lock.unlock();
-    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_NEXT_DAMAGED,
-                        "fillNextIpcPackageToBuffer ipc package damaged");
+    queue_.pop();
+    *tooBig = true;
     return false;
   }
   // Not yet: it goes out on a later writable event, once the buffer drained.
@@ -179,9 +188,36 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
   SendBufferWriter* bufferState = &writer;
   CHECK(bufferState->write(ipcPackage.size));
   CHECK(bufferState->write(ipcPackage.data));
-  queue_.pop_front();
-  count_.store(queue_.size(), std::memory_order_relaxed);
+  queue_.pop();
   return true;
+}
+
+bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
+  bool tooBig = false;
+  bool moved;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    moved = moveFrontLocked(buffer, &tooBig);
+    count_.store(queue_.count(), std::memory_order_relaxed);
+  }
+  if (tooBig) {
+    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
+  }
+  return moved;
+}
+
+size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
+  bool tooBig = false;
+  size_t moved = 0;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    while (moveFrontLocked(buffer, &tooBig)) ++moved;
+    count_.store(queue_.count(), std::memory_order_relaxed);
+  }
+  if (tooBig) {
+    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
+  }
+  return moved;
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
@@ -193,26 +229,26 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
   // 64-bit so that size + 4 cannot wrap.
   uint64_t lastSize = 0;
   while (!queue_.empty()) {
-    const KavoIpcPackage& ipcPackage = queue_.front();
+    const QueuedPackage ipcPackage = {queue_.frontSize(), {queue_.frontBytes(), queue_.frontSize()}};
     lastSize = ipcPackage.size;
     if (lastSize + ipcPackageHeaderSize > buffer->size() - buffer->bufferDataCursor) break;
     CHECK(bufferState->write(ipcPackage.size));
     CHECK(bufferState->write(ipcPackage.data));
-    queue_.pop_front();
+    queue_.pop();
   }
-  count_.store(queue_.size(), std::memory_order_relaxed);
+  count_.store(queue_.count(), std::memory_order_relaxed);
 
   // Judge the package looked at last: when the queue ran empty it is one that
   // was written, which passes both tests.
   if (lastSize >= kDamagedPackageSize) {
     LogPackageDamaged();
-    queue_.pop_front();
-    count_.store(queue_.size(), std::memory_order_relaxed);
+    queue_.pop();
+    count_.store(queue_.count(), std::memory_order_relaxed);
     return false;
   }
   if (lastSize + ipcPackageHeaderSize > buffer->size()) {
-    queue_.pop_front();
-    count_.store(queue_.size(), std::memory_order_relaxed);
+    queue_.pop();
+    count_.store(queue_.count(), std::memory_order_relaxed);
     lock.unlock();
     RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_DAMAGED, "fillIpcPackageToBuffer ipc package damaged");
     return false;

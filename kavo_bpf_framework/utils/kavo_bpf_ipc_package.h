@@ -24,19 +24,21 @@
 // and the IPC thread, fills from the IPC thread. A queue that finds more than
 // 10000 packages on an append drops its oldest down to 5000 (error log codes
 // 3 to 6); a package that can never fit a send buffer is dropped when it
-// reaches the front (codes 7 and 8).
+// reaches the front (codes 7 and 8). Packages are queued as the frames they
+// become (FrameQueue), so queueing one allocates nothing and it is copied
+// once in, straight from the caller's bytes, and once out.
 
 #include <stddef.h>
 #include <stdint.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <vector>
 
 #include "utils/kavo_bpf_export.h"
 #include "utils/kavo_bpf_ipc_buffer.h"
+#include "utils/kavo_bpf_ipc_frame_queue.h"
 
 enum KavoIpcPackageType : uint32_t {
   KAVO_IPC_REQUEST = 0,
@@ -70,8 +72,8 @@ struct KavoRespIpcPackageHeader {
 };
 static_assert(sizeof(KavoRespIpcPackageHeader) == 12, "wire layout");
 
-// One queued outgoing package: a complete second-level package, without the
-// first-level size, which is written when it is copied into a send buffer.
+// One outgoing package as a value: a complete second-level package, without
+// the first-level size. The queue holds the same size and bytes, as a frame.
 struct KAVO_EXPORT KavoIpcPackage {
   uint32_t size = 0;
   std::vector<char> data;
@@ -112,6 +114,10 @@ class KAVO_EXPORT IpcPackageManager {
   // Moves at most one package, behind its 4-byte size, into |buffer|; true
   // when one was moved.
   bool fillNextIpcPackageToBuffer(BufferState* buffer);
+  // The same as calling fillNextIpcPackageToBuffer until it returns false
+  // (the same bytes, drops and error records), under one lock. Returns the
+  // number of packages moved.
+  size_t fillNextIpcPackagesToBuffer(BufferState* buffer);
   // Moves as many packages as fit; true unless the package looked at last was
   // damaged or too big (and so dropped).
   bool fillIpcPackageToBuffer(BufferState* buffer);
@@ -123,12 +129,18 @@ class KAVO_EXPORT IpcPackageManager {
   size_t getIpcPackageCount() const;
 
  private:
-  // Queues a built package, trimming a runaway queue first; |errorCode| and
-  // |logFormat| name the operation in the error record and the log line.
-  void enqueue(KavoIpcPackage package, int errorCode, const char* logFormat);
+  // Queues a package of |size| bytes, trimming a runaway queue first; |fill|
+  // writes the bytes into the queue's storage under the lock (the package is
+  // built in place). |errorCode| and |logFormat| name the operation in the
+  // error record and the log line.
+  template <typename Fill>
+  void enqueue(uint32_t size, int errorCode, const char* logFormat, const Fill& fill);
+  // fillNextIpcPackageToBuffer with mutex_ held. A package dropped for being
+  // bigger than |buffer| sets *tooBig: the caller records it once unlocked.
+  bool moveFrontLocked(BufferState* buffer, bool* tooBig);
 
   std::mutex mutex_;
-  std::deque<KavoIpcPackage> queue_;
+  FrameQueue queue_;
   std::condition_variable cond_;
   // queue_.size(), kept for the readers that do not take the mutex.
   std::atomic<size_t> count_{0};
