@@ -26,47 +26,23 @@
 // boundary, as a client that reconnects would, never in the middle of a frame.
 // Error-log records of damaged frames go to a private tmpfs over /data.
 
-#include <android/log.h>
-#include <errno.h>
-#include <sched.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/mount.h>
 
 #include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "utils/kavo_bpf_ipc_helper.h"
 
 namespace {
 
+using kavo::fuzz::Input;
+
 constexpr size_t kBufferSizes[] = {16, 64, 300, 4096, 32768};
-
-// Reads the input front to back; past its end it yields zeros.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  bool empty() const { return at_ >= size_; }
-  uint8_t Byte() { return at_ < size_ ? data_[at_++] : 0; }
-  uint32_t U16() { return Byte() | (static_cast<uint32_t>(Byte()) << 8); }
-  uint32_t U32() { return U16() | (U16() << 16); }
-  std::string Bytes(size_t n) {
-    std::string out(n, '\0');
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>(Byte());
-    return out;
-  }
-  const uint8_t* rest() const { return data_ + std::min(at_, size_); }
-  size_t restSize() const { return size_ - std::min(at_, size_); }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-};
 
 void Put32(std::string* out, uint32_t value) {
   out->append(reinterpret_cast<const char*>(&value), sizeof(value));
@@ -210,21 +186,12 @@ void FeedStream(const Stream& stream, size_t bufferSize) {
   }
 }
 
-// Keeps the log quiet except for what ends the process.
-void QuietLogger(const struct __android_logger_data* data, const char* message) {
-  if (data->priority >= ANDROID_LOG_FATAL) __android_log_stderr_logger(data, message);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  __android_log_set_logger(QuietLogger);
+  kavo::fuzz::QuietLog();
   // Damaged frames write the error log under /data: keep that private.
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/data", "tmpfs", 0, "mode=0755") != 0) {
-    fprintf(stderr, "ipc_receive_fuzzer: no private /data (%s); error-log records may be written\n",
-            strerror(errno));
-  }
+  kavo::fuzz::PrivateMounts(kavo::fuzz::Mounts());
   return 0;
 }
 

@@ -3,8 +3,10 @@
 # missing), and mounts the BPF file system and tracefs if they are not.
 set -euo pipefail
 
+# clang's sanitizer and libFuzzer runtimes come with libclang-rt-dev, their
+# symbolizer with llvm; util-linux has setpriv (tests that drop capabilities).
 packages=(
-  cmake ninja-build g++ clang llvm libclang-rt-dev pkg-config binutils
+  cmake ninja-build g++ clang llvm libclang-rt-dev pkg-config binutils util-linux
   libbpf-dev libbpfcc-dev bpftool
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev

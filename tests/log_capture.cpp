@@ -74,7 +74,8 @@ bool LogCapture::WaitFor(const std::string& needle, size_t count,
 
 void LogCapture::Clear() {
   std::lock_guard<std::mutex> guard(mutex_);
-  lines_.clear();
+  // Gives the memory back too: tests that measure the heap clear first.
+  std::vector<LogLine>().swap(lines_);
 }
 
 }  // namespace kavo::test

@@ -1,0 +1,166 @@
+// A slow client beside a reader, with real records: 15,000 processes fork
+// and exit at a steady 3,000 a second. One subscriber takes everything those
+// processes cause and never reads; another takes their forks and exits and
+// reads as they come. The reader misses none of them; the slow one's queue
+// is trimmed back whenever it passes its bound, and each trim is recorded in
+// the error log.
+
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "bpf_test_maps.h"
+#include "event_sink.h"
+#include "kernel_side.h"
+#include "log_capture.h"
+#include "ns_harness.h"
+#include "raw_client.h"
+#include "service/kavo_bpf_error_log.h"
+#include "service/kavo_bpf_event_manager.h"
+#include "service/kavo_bpf_service.h"
+#include "stress_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Kavo::Bpf::EventManager;
+using Kavo::Bpf::KavoBpfService;
+using kavo::test::AsResponse;
+using kavo::test::Figure;
+using kavo::test::RawClient;
+using kavo::test::RequestFrame;
+
+constexpr int kProcesses = 15000;
+constexpr int kBatch = 60;               // forked and reaped together...
+constexpr auto kBatchPeriod = 20ms;      // ...every 20 ms: 3,000 a second
+constexpr size_t kQueueBound = 10001;    // a queue is trimmed when an append finds more
+
+// What the reader saw of the test's own children.
+struct Seen {
+  std::mutex mutex;
+  std::set<pid_t> created, exited;
+};
+
+void Read(RawClient& reader, Seen& seen, std::atomic<bool>& done) {
+  while (!done) {
+    auto event = reader.ReadEvent(200ms);
+    if (!event) continue;
+    std::lock_guard<std::mutex> guard(seen.mutex);
+    if (kavo::test::RecordType(*event) == KAVO_EVENT_TASK_CREATE) {
+      auto fork = kavo::test::RecordAs<kavo_fork_event>(*event);
+      if (fork.kind == KAVO_TASK_PROCESS) seen.created.insert(fork.pid);
+    } else {
+      auto exit = kavo::test::RecordAs<kavo_exit_event>(*event);
+      if (exit.kind == KAVO_TASK_PROCESS) seen.exited.insert(exit.pid);
+    }
+  }
+}
+
+TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
+  kavo::test::RunInNamespace([] {
+    std::string why;
+    if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
+    kavo::test::LogCapture log;
+    KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
+    ASSERT_NE(nullptr, service) << why;
+
+    RawClient slow, reader;
+    ASSERT_TRUE(slow.Connect());
+    slow.SetReceiveBuffer(4096);
+    ASSERT_TRUE(reader.Connect());
+    ASSERT_TRUE(slow.Send(RequestFrame(1, 51, KAVO_EVENT_RSS_STAT) + RequestFrame(2, 51, KAVO_EVENT_TASK_CREATE) +
+                          RequestFrame(3, 51, KAVO_EVENT_TASK_EXIT) + RequestFrame(4, 51, KAVO_EVENT_PROCESS_CREATED) +
+                          RequestFrame(5, 51, KAVO_EVENT_PROCESS_EXITED)));
+    ASSERT_TRUE(reader.Send(RequestFrame(1, 51, KAVO_EVENT_TASK_CREATE) + RequestFrame(2, 51, KAVO_EVENT_TASK_EXIT)));
+    // Both answered (records of other processes may come first).
+    for (uint32_t answered = 0; answered < 2;) {
+      auto frame = reader.ReadFrame(2s);
+      ASSERT_TRUE(frame);
+      if (auto response = AsResponse(*frame)) {
+        EXPECT_EQ(++answered, response->reqId);
+        EXPECT_EQ(0, response->result);
+      }
+    }
+    // Only the slow one takes derived events: that tells the two queues apart.
+    ASSERT_TRUE(kavo::test::WaitUntil(
+        [] { return EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_EXITED).size() == 1; }, 2s));
+    const int slowFd = EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_EXITED)[0];
+
+    std::set<pid_t> children;
+    Seen seen;
+    std::atomic<bool> done{false};
+    std::thread readerThread(Read, std::ref(reader), std::ref(seen), std::ref(done));
+    size_t slowLongest = 0, readerLongest = 0;
+    auto next = std::chrono::steady_clock::now();
+    while (children.size() < static_cast<size_t>(kProcesses)) {
+      for (pid_t child : kavo::test::ForkAndReapChildren(kBatch)) children.insert(child);
+      for (const auto& [fd, length] : service->getClientQueueLengths()) {
+        size_t& longest = fd == slowFd ? slowLongest : readerLongest;
+        longest = std::max(longest, length);
+      }
+      next += kBatchPeriod;
+      std::this_thread::sleep_until(next);
+    }
+    auto allSeen = [&] {
+      std::lock_guard<std::mutex> guard(seen.mutex);
+      return std::includes(seen.created.begin(), seen.created.end(), children.begin(), children.end()) &&
+             std::includes(seen.exited.begin(), seen.exited.end(), children.begin(), children.end());
+    };
+    bool complete = kavo::test::WaitUntil(allSeen, 20s);
+    done = true;
+    readerThread.join();
+
+    size_t missedForks = 0, missedExits = 0;
+    for (pid_t child : children) {
+      missedForks += seen.created.count(child) == 0;
+      missedExits += seen.exited.count(child) == 0;
+    }
+    size_t trims = log.Count("[AppendSecondIpc] ipc Package Queue too big: ");
+    Figure("children", static_cast<long long>(children.size()));
+    Figure("reader_missed_forks", static_cast<long long>(missedForks));
+    Figure("reader_missed_exits", static_cast<long long>(missedExits));
+    Figure("reader_longest_queue", static_cast<long long>(readerLongest));
+    Figure("slow_longest_queue", static_cast<long long>(slowLongest));
+    Figure("slow_trims", static_cast<long long>(trims));
+    // Records the kernel could not put into a full ring never reach anyone;
+    // the ring's full bit tells such a loss from one in the service.
+    int64_t control = kavo::test::ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[0]);
+    Figure("ring_ran_full", (control & KAVO_RING_FULL_BIT) != 0);
+    EXPECT_EQ(0, control & KAVO_RING_FULL_BIT) << "the kernel dropped records: the monitor fell behind";
+    EXPECT_TRUE(complete);
+    EXPECT_EQ(0u, missedForks);
+    EXPECT_EQ(0u, missedExits);
+
+    // The slow one is held at its bound, never beyond, and still connected.
+    EXPECT_LE(slowLongest, kQueueBound);
+    EXPECT_LE(service->getClientQueueLengths()[slowFd], kQueueBound);
+    EXPECT_GT(service->getClientQueueLengths()[slowFd], 0u);
+    EXPECT_LT(readerLongest, kQueueBound) << "the reader's queue was never trimmed";
+    // Every trim is in the error log, as far as the log reaches back: it
+    // keeps the newest record and 4999 lines before it, some 550 records.
+    EXPECT_GE(trims, 2u) << "the load should trim the slow queue more than once";
+    std::string errors = kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH);
+    size_t recorded = 0;
+    for (size_t at = errors.find("ErrorCode: 4\nError: B&A Ipc Package queue full 10000\n");
+         at != std::string::npos; at = errors.find("ErrorCode: 4\nError: B&A Ipc Package queue full 10000\n", at + 1)) {
+      ++recorded;
+    }
+    EXPECT_LE(recorded, trims);
+    EXPECT_GE(recorded, std::min<size_t>(trims, 500)) << errors.substr(0, 2000);
+  }, [] {
+    kavo::test::NamespaceOptions options;
+    options.timeoutSeconds = 200;
+    return options;
+  }());
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+#include "stress_support.h"
+
+#include <malloc.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "service/kavo_bpf_task_manager.h"
+#include "utils/kavo_bpf_file.h"
+#include "utils/kavo_bpf_helper.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KAVO_SANITIZER_ALLOCATOR 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KAVO_SANITIZER_ALLOCATOR 1
+#endif
+#ifdef KAVO_SANITIZER_ALLOCATOR
+#include <sanitizer/allocator_interface.h>
+#endif
+
+namespace kavo::test {
+
+size_t OpenDescriptors(pid_t pid) {
+  size_t count = 0;
+  Kavo::Bpf::ForEachDirEntry(("/proc/" + std::to_string(pid) + "/fd").c_str(), [&count](const char* name) {
+    if (name[0] != '.') ++count;
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return count;
+}
+
+size_t HeapInUse() {
+#ifdef KAVO_SANITIZER_ALLOCATOR
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
+}
+
+size_t LiveProcesses() {
+  size_t count = 0;
+  Kavo::Bpf::ForEachDirEntry("/proc", [&count](const char* name) {
+    if (!Kavo::Bpf::IsDigits(name)) return Kavo::Bpf::LineAction::kContinue;
+    // "<pid> (<name>) <state> ...": a zombie has exited, only its parent has
+    // not reaped it yet.
+    bool alive = false;
+    Kavo::Bpf::ForEachLine((std::string("/proc/") + name + "/stat").c_str(), [&alive](std::string_view line) {
+      size_t close = line.rfind(')');
+      alive = close != std::string_view::npos && close + 2 < line.size() && line[close + 2] != 'Z' &&
+              line[close + 2] != 'X';
+      return Kavo::Bpf::LineAction::kStop;
+    });
+    if (alive) ++count;
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return count;
+}
+
+size_t TaskTableSize() {
+  std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);
+  return Kavo::Bpf::KavoTaskManager::GetInstance()->GetKavoTaskCount();
+}
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+void Figure(const std::string& key, long long value) {
+  printf("figure %s: %lld\n", key.c_str(), value);
+  fflush(stdout);
+}
+
+}  // namespace kavo::test
