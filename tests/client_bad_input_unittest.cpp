@@ -28,11 +28,13 @@
 #include "service/kavo_bpf_service.h"
 #include "test_process.h"
 #include "utils/kavo_bpf_file.h"
+#include "wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 using kavo::test::AsResponse;
 using kavo::test::PackageFrame;
 using kavo::test::RawClient;
@@ -51,15 +53,6 @@ std::string Record(uint32_t type, size_t size = 32) {
   std::string record(size, '\0');
   memcpy(&record[0], &type, 4);
   return record;
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
 }
 
 bool ErrorLogHas(const std::string& text) {
@@ -98,12 +91,12 @@ TEST(ClientBadInput, GarbageAndHugeSizesCostOnlyTheirOwnBytes) {
     std::string noise = U32(0xA5A5A5A5);
     while (noise.size() < 300) noise += static_cast<char>(random());
     ASSERT_TRUE(noisy.Send(noise));
-    EXPECT_TRUE(WaitFor([] { return ErrorLogHas("packageSize: 2779096489, cursor: 0, data: 300, bufferSize: 32768, Buffer hexdump: a5 a5 a5 a5 "); }));
+    EXPECT_TRUE(WaitUntil([] { return ErrorLogHas("packageSize: 2779096489, cursor: 0, data: 300, bufferSize: 32768, Buffer hexdump: a5 a5 a5 a5 "); }));
     // One byte more than the buffer, and a size that wraps the 32-bit total.
     ASSERT_TRUE(noisy.Send(U32(32765)));
-    EXPECT_TRUE(WaitFor([] { return ErrorLogHas("ErrorCode: 2\nError: Ipc package damage, packageSize: 32769, cursor: 0, data: 4,"); }));
+    EXPECT_TRUE(WaitUntil([] { return ErrorLogHas("ErrorCode: 2\nError: Ipc package damage, packageSize: 32769, cursor: 0, data: 4,"); }));
     ASSERT_TRUE(noisy.Send(U32(0xFFFFFFFD)));
-    EXPECT_TRUE(WaitFor([] { return ErrorLogHas("ErrorCode: 2\nError: Ipc package damage, packageSize: 1, cursor: 0, data: 4,"); }));
+    EXPECT_TRUE(WaitUntil([] { return ErrorLogHas("ErrorCode: 2\nError: Ipc package damage, packageSize: 1, cursor: 0, data: 4,"); }));
     EXPECT_EQ(3u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 
     // The noisy connection is kept and its next request answered; the
@@ -127,9 +120,9 @@ TEST(ClientBadInput, FramesThatStopHalfWay) {
     {
       RawClient first;  // the endpoint is up once it accepts someone
       ASSERT_TRUE(first.Connect());
-      ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().size() == 1; }));
+      ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().size() == 1; }));
     }
-    ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().empty(); }));
+    ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().empty(); }));
     const size_t descriptors = OpenDescriptors();
     const std::string request = RequestFrame(1, 51, KAVO_EVENT_PROCESS_CREATED);
 
@@ -154,10 +147,10 @@ TEST(ClientBadInput, FramesThatStopHalfWay) {
     {
       RawClient leaving;
       ASSERT_TRUE(leaving.Connect());
-      ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().size() == 3; }));
+      ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().size() == 3; }));
       ASSERT_TRUE(leaving.Send(request.substr(0, 13)));
     }
-    EXPECT_TRUE(WaitFor([&] { return service->getClientQueueLengths().size() == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().size() == 2; }));
     std::string record = Record(KAVO_EVENT_PROCESS_CREATED);
     EventManager::GetInstance()->AppendEvent(&record[0], static_cast<unsigned>(record.size()));
     EXPECT_TRUE(halting.ReadEvent(2s));
@@ -165,9 +158,9 @@ TEST(ClientBadInput, FramesThatStopHalfWay) {
 
     halting.Close();
     other.Close();
-    EXPECT_TRUE(WaitFor([&] { return service->getClientQueueLengths().empty(); }));
+    EXPECT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().empty(); }));
     EXPECT_TRUE(EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_CREATED).empty());
-    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() == descriptors; }))
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() == descriptors; }))
         << OpenDescriptors() << " open, " << descriptors << " before";
   });
 }

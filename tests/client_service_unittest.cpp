@@ -20,11 +20,13 @@
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
+#include "wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 using kavo::test::AsResponse;
 using kavo::test::RawClient;
 using kavo::test::RequestFrame;
@@ -46,15 +48,6 @@ std::string Record(uint32_t type, uint32_t sequence, size_t size = 32) {
 void Publish(const std::string& record) {
   std::string copy = record;
   EventManager::GetInstance()->AppendEvent(&copy[0], static_cast<unsigned>(copy.size()));
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
 }
 
 size_t Subscribers(int type) { return EventManager::GetInstance()->observersOf(type).size(); }
@@ -141,9 +134,9 @@ TEST(ClientService, ClosedClientLeavesNothingBehind) {
     {
       RawClient idle;  // connects and closes without a word
       ASSERT_TRUE(idle.Connect());
-      ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().size() == 1; }));
+      ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().size() == 1; }));
     }
-    ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().empty(); }));
+    ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().empty(); }));
 
     RawClient a, b;
     ASSERT_TRUE(a.Connect());
@@ -163,12 +156,12 @@ TEST(ClientService, ClosedClientLeavesNothingBehind) {
     EXPECT_TRUE(b.ReadEvent(2s));
 
     a.Close();
-    ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().size() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().size() == 1; }));
     EXPECT_EQ(std::vector<int>{order[1]}, EventManager::GetInstance()->observersOf(KAVO_EVENT_CGROUP_ATTACH));
     EXPECT_EQ(std::vector<int>{order[1]}, EventManager::GetInstance()->observersOf(50002));
     EXPECT_FALSE(EventManager::GetInstance()->hasObserverEntry(order[0]));
     b.Close();
-    ASSERT_TRUE(WaitFor([&] { return service->getClientQueueLengths().empty(); }));
+    ASSERT_TRUE(WaitUntil([&] { return service->getClientQueueLengths().empty(); }));
     EXPECT_EQ(0u, Subscribers(KAVO_EVENT_CGROUP_ATTACH));
     EXPECT_FALSE(EventManager::GetInstance()->hasObserverEntry(order[1]));
   });

@@ -17,10 +17,12 @@
 
 #include "log_capture.h"
 #include "utils/kavo_bpf_epoll_manager.h"
+#include "wait_until.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 
 cpu_set_t AllCpus() {
   cpu_set_t cpus;
@@ -64,14 +66,6 @@ struct Connection {
   std::atomic<uint64_t> delivered{0};
 };
 
-bool WaitFor(const std::function<bool()>& done) {
-  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
-    if (done()) return true;
-    std::this_thread::sleep_for(1ms);
-  }
-  return done();
-}
-
 TEST(EpollWriteInterest, EveryQueuedEventIsWrittenHoweverTheAsksAndFinishesInterleave) {
   auto manager = std::make_unique<EpollManager>(10, 32, nullptr, "EpollRace", AllCpus(), -1);
   Connection small(manager.get()), large(manager.get(), 1500);
@@ -93,8 +87,8 @@ TEST(EpollWriteInterest, EveryQueuedEventIsWrittenHoweverTheAsksAndFinishesInter
   for (Connection* connection : {&small, &small, &large, &large}) producers.emplace_back(produce, connection);
   for (std::thread& producer : producers) producer.join();
 
-  EXPECT_TRUE(WaitFor([&] { return small.delivered == 2 * kEvents; })) << small.delivered;
-  EXPECT_TRUE(WaitFor([&] { return large.delivered == 2 * kEvents; })) << large.delivered;
+  EXPECT_TRUE(WaitUntil([&] { return small.delivered == 2 * kEvents; }, 10s, 1ms)) << small.delivered;
+  EXPECT_TRUE(WaitUntil([&] { return large.delivered == 2 * kEvents; }, 10s, 1ms)) << large.delivered;
   manager.reset();  // the loop ends before the connections it calls back go
 }
 
@@ -122,7 +116,7 @@ TEST(EpollWriteInterest, AConnectionRemovedWhileWatchedForWritingIsGone) {
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(0, writes.load());
   ASSERT_TRUE(manager->notifyWriteEventReady(connection.fd()));
-  EXPECT_TRUE(WaitFor([&] { return writes.load() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return writes.load() == 1; }, 10s, 1ms));
   manager.reset();
 }
 

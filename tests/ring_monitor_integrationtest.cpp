@@ -26,25 +26,17 @@
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
+#include "wait_until.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 using Kavo::Bpf::KavoBpfDataState;
 using Kavo::Bpf::KavoBpfService;
 using kavo::test::ReadControlWord;
 
 constexpr int64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
-
-template <typename Condition>
-bool WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
 
 // Successful polls the state record holds, over its whole window.
 uint64_t PollsCounted() {

@@ -21,23 +21,16 @@
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
+#include "wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 using kavo::test::AsResponse;
 using kavo::test::RawClient;
 using kavo::test::RequestFrame;
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
 
 // Starts the service as if the kernel side had reported ready, and waits
 // until both monitors gave up for want of their rings.
@@ -124,7 +117,7 @@ TEST(ServiceFaults, WithoutAWritableDataDirectoryLossesAndDumpsOnlyReachTheLog) 
     for (int signal = kSignalDumpState; signal <= kSignalDumpNonKernelTasksNormal; ++signal) {
       uint64_t served = CompletedDumps();
       ASSERT_EQ(0, kill(getpid(), signal));
-      EXPECT_TRUE(WaitFor([served] { return CompletedDumps() > served; })) << "signal " << signal;
+      EXPECT_TRUE(WaitUntil([served] { return CompletedDumps() > served; })) << "signal " << signal;
     }
     EXPECT_EQ(1u, log.Count("[KavoBpfDataState][DumpState] open file failed!", ANDROID_LOG_ERROR));
     EXPECT_EQ(2u, log.Count("failed to dump kavo task, error: ", ANDROID_LOG_ERROR));

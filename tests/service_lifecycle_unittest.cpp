@@ -12,25 +12,18 @@
 #include "log_capture.h"
 #include "ns_harness.h"
 #include "service/kavo_bpf_service.h"
+#include "wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::WaitUntil;
 using kavo::test::PathExists;
 using kavo::test::ThreadNames;
 
 constexpr char kDisable[] = "persist.sys.stability.bpfframework.disable";
 constexpr char kReady[] = "sys.kavo_bpf_ready";
-
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
 
 bool HasThread(const char* name) {
   return ThreadNames().find(std::string(name) + ",") != std::string::npos;

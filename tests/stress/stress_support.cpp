@@ -67,15 +67,6 @@ size_t TaskTableSize() {
   return Kavo::Bpf::KavoTaskManager::GetInstance()->GetKavoTaskCount();
 }
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 void Figure(const std::string& key, long long value) {
   printf("figure %s: %lld\n", key.c_str(), value);
   fflush(stdout);

@@ -14,9 +14,9 @@
 
 #include <sys/types.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
+
+#include "wait_until.h"
 
 namespace kavo::test {
 
@@ -29,8 +29,6 @@ size_t HeapInUse();
 size_t LiveProcesses();
 // Entries of the service's task table, read under its lock.
 size_t TaskTableSize();
-// Polls |condition| every 5 ms until it holds or |timeout| passed.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 // One line of the test's output: "figure <key>: <value>".
 void Figure(const std::string& key, long long value);
 
