@@ -10,11 +10,14 @@
 #include <gtest/gtest.h>
 
 #include "ns_harness.h"
-#include "service/kavo_bpf_error_log.h"
+#include "ipc_error_capture.h"
 #include "utils/kavo_bpf_ipc_frame_queue.h"
 #include "utils/kavo_bpf_ipc_package.h"
 
 namespace {
+
+// What the framework loses, as its user would record it.
+[[maybe_unused]] const bool kCapturing = (kavo::test::CaptureIpcErrors(), true);
 
 std::string Pattern(uint32_t size, char seed) {
   std::string bytes(size, '\0');
@@ -76,7 +79,6 @@ std::string Drain(IpcPackageManager* queue, Fill fill) {
 
 TEST(IpcPackage, PackingABufferInOneGoSendsWhatPackingOneByOneSends) {
   kavo::test::RunInNamespace([] {
-    Kavo::Bpf::InitBpfServiceErrorLog();
     // Events of a busy second, a package no send buffer can take, then more.
     auto load = [](IpcPackageManager* queue) {
       for (int i = 0; i < 3000; ++i) {
@@ -99,7 +101,7 @@ TEST(IpcPackage, PackingABufferInOneGoSendsWhatPackingOneByOneSends) {
       while (q->fillNextIpcPackageToBuffer(b)) {
       }
     });
-    const std::string afterOne = kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH);
+    const std::string afterOne = kavo::test::RecordedIpcErrors();
     EXPECT_NE(std::string::npos, afterOne.find("ErrorCode: 8\nError: fillNextIpcPackageToBuffer ipc package damaged\n"));
 
     size_t moved = 0;
@@ -111,7 +113,7 @@ TEST(IpcPackage, PackingABufferInOneGoSendsWhatPackingOneByOneSends) {
     EXPECT_EQ(3002u, moved);  // all but the one dropped
     EXPECT_EQ(0u, inOneGo.getIpcPackageCount());
     // The dropped package is on the record again, once more.
-    const std::string afterBoth = kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH);
+    const std::string afterBoth = kavo::test::RecordedIpcErrors();
     size_t records = 0;
     for (size_t at = afterBoth.find("ErrorCode: 8\n"); at != std::string::npos;
          at = afterBoth.find("ErrorCode: 8\n", at + 1)) {

@@ -13,9 +13,12 @@
 #include "log_capture.h"
 #include "ns_harness.h"
 #include "raw_client.h"
-#include "service/kavo_bpf_error_log.h"
+#include "ipc_error_capture.h"
 
 namespace {
+
+// What the framework loses, as its user would record it.
+[[maybe_unused]] const bool kCapturing = (kavo::test::CaptureIpcErrors(), true);
 
 std::string U32(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
 
@@ -54,7 +57,6 @@ TEST(IpcPackage, BytesOnTheWire) {
 
 TEST(IpcPackage, ARunawayQueueKeepsItsNewestHalf) {
   kavo::test::RunInNamespace([] {
-    Kavo::Bpf::InitBpfServiceErrorLog();
     kavo::test::LogCapture log;
     // Each way of queueing, with the error kind and log line it reports.
     const std::vector<std::pair<std::string, std::function<void(IpcPackageManager*, uint32_t)>>> ways = {
@@ -83,9 +85,9 @@ TEST(IpcPackage, ARunawayQueueKeepsItsNewestHalf) {
       append(&queue, 10001);
       EXPECT_EQ(5001u, queue.getIpcPackageCount());
       EXPECT_TRUE(log.Contains(line, ANDROID_LOG_ERROR));
-      EXPECT_EQ(0u, kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH)
+      EXPECT_EQ(0u, kavo::test::RecordedIpcErrors()
                         .find("----------\n")); // newest on top
-      EXPECT_NE(std::string::npos, kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH)
+      EXPECT_NE(std::string::npos, kavo::test::RecordedIpcErrors()
                                        .find(code + "\nError: B&A Ipc Package queue full 10000\n"));
       // The oldest survivor is number 5001, the newest 10001.
       std::string sent = Drain(&queue);
@@ -98,7 +100,6 @@ TEST(IpcPackage, ARunawayQueueKeepsItsNewestHalf) {
 
 TEST(IpcPackage, PackagesFitTheSendBufferWholeOrWait) {
   kavo::test::RunInNamespace([] {
-    Kavo::Bpf::InitBpfServiceErrorLog();
     IpcPackageManager queue;
     std::vector<char> big(32765, 'b');
     queue.buildAndAppendIpcPackage(big.data(), 32764);  // with its size: 32768, exactly
@@ -111,7 +112,7 @@ TEST(IpcPackage, PackagesFitTheSendBufferWholeOrWait) {
     buffer.resetCursors();
     EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));  // dropped, on the record
     EXPECT_EQ(1u, queue.getIpcPackageCount());
-    EXPECT_NE(std::string::npos, kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH)
+    EXPECT_NE(std::string::npos, kavo::test::RecordedIpcErrors()
                                      .find("ErrorCode: 8\nError: fillNextIpcPackageToBuffer ipc package damaged\n"));
     // Short of room by one byte, the 22-byte frame waits for a drained buffer.
     buffer.bufferDataCursor = 32768 - 21;
@@ -130,7 +131,7 @@ TEST(IpcPackage, PackagesFitTheSendBufferWholeOrWait) {
     queue.buildAndAppendIpcPackage(big.data(), 37);  // bigger than the whole buffer
     EXPECT_FALSE(queue.fillIpcPackageToBuffer(&small));
     EXPECT_EQ(0u, queue.getIpcPackageCount());
-    EXPECT_NE(std::string::npos, kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH)
+    EXPECT_NE(std::string::npos, kavo::test::RecordedIpcErrors()
                                      .find("ErrorCode: 7\nError: fillIpcPackageToBuffer ipc package damaged\n"));
   });
 }

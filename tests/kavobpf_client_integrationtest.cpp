@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "ns_harness.h"
+#include "raw_client.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
 #include "test_process.h"
@@ -63,6 +64,9 @@ TEST(KavobpfClient, PrintsDecodedEventsUntilItsCount) {
   kavo::test::RunInNamespace([] {
     android::base::SetProperty("sys.kavo_bpf_ready", "0");
     ASSERT_TRUE(BpfServiceMain());
+    // Listening before the client starts: a refused first attempt would cost
+    // it its 5-second retry period.
+    ASSERT_TRUE(kavo::test::RawClient().Connect());
     ChildProcess client({ToolPath("kavobpf_client"), "--events", "kmem_rss_info,process_created,99999",
                          "--count", "4"});
     ASSERT_TRUE(client.WaitForOutput("kavobpf_client: subscribed", 5s)) << client.Output();
@@ -102,6 +106,9 @@ TEST(KavobpfClient, JsonLinesForADuration) {
   kavo::test::RunInNamespace([] {
     android::base::SetProperty("sys.kavo_bpf_ready", "0");
     ASSERT_TRUE(BpfServiceMain());
+    // Listening before the client starts: a refused first attempt would cost
+    // it its 5-second retry period.
+    ASSERT_TRUE(kavo::test::RawClient().Connect());
     ChildProcess client({ToolPath("kavobpf_client"), "--events", "50002", "--json", "--duration", "1.5"});
     ASSERT_TRUE(client.WaitForOutput("kavobpf_client: subscribed", 5s)) << client.Output();
     kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, 88, "qu\"ote\\sl"};

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "ns_harness.h"
+#include "utils/kavo_bpf_file.h"
 
 namespace kavo::test {
 
@@ -57,6 +58,15 @@ std::string TempOutputPath() {
 }  // namespace
 
 std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }
+
+size_t OpenDescriptors(pid_t pid) {
+  size_t count = 0;
+  Kavo::Bpf::ForEachDirEntry(("/proc/" + std::to_string(pid) + "/fd").c_str(), [&count](const char* name) {
+    if (name[0] != '.') ++count;
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return count;
+}
 
 CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds) {
   CommandResult result;

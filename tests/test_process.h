@@ -28,6 +28,9 @@ struct CommandResult {
   std::string output;   // stdout and stderr together
 };
 
+// Entries of /proc/<pid>/fd.
+size_t OpenDescriptors(pid_t pid);
+
 // Runs |argv| to its end (killed after |timeoutSeconds|), capturing its output.
 CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds = 60);
 

@@ -18,9 +18,12 @@
 #include "log_capture.h"
 #include "ns_harness.h"
 #include "raw_client.h"
-#include "service/kavo_bpf_error_log.h"
+#include "ipc_error_capture.h"
 
 namespace {
+
+// What the framework loses, as its user would record it.
+[[maybe_unused]] const bool kCapturing = (kavo::test::CaptureIpcErrors(), true);
 
 using namespace std::chrono_literals;
 using kavo::test::IpcTestServer;
@@ -74,7 +77,6 @@ TEST(UnixIpcManager, AFailingReadHandlerClosesOnlyWhenAskedTo) {
 
 TEST(UnixIpcManager, AClientThatStopsReadingLosesDataNotItsConnection) {
   kavo::test::RunInNamespace([] {
-    Kavo::Bpf::InitBpfServiceErrorLog();
     kavo::test::LogCapture log;
     IpcTestServer server("kavo_stalled");
     RawClient client;
@@ -88,7 +90,7 @@ TEST(UnixIpcManager, AClientThatStopsReadingLosesDataNotItsConnection) {
     EXPECT_TRUE(log.Contains("[UnixIpcManager] Socket buffer full! tryCount: 11", ANDROID_LOG_WARN));
     EXPECT_FALSE(log.Contains("tryCount: 12"));
     EXPECT_TRUE(log.Contains("[UnixIpcManager] Clear send buffer"));
-    std::string errors = kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH);
+    std::string errors = kavo::test::RecordedIpcErrors();
     EXPECT_NE(std::string::npos, errors.find("ErrorCode: 1\nError: Send data 10 times failed. bufferCursor: "));
     EXPECT_NE(std::string::npos, errors.find(", bufferDataCursor: 32768\n"));
 

@@ -1,5 +1,6 @@
 // kavobpf_client: subscribes to event types of the KAVO BPF service and prints
 // every event it receives, one line each, decoded field by field (or as JSON).
+// Built on libkavobpfclient alone.
 
 #include <getopt.h>
 #include <signal.h>
@@ -17,20 +18,18 @@
 #include <string>
 #include <vector>
 
-#include "kavobpf_client_session.h"
+#include "kavobpf/kavobpf_client.h"
 #include "kavobpf_event_format.h"
-#include "utils/kavo_bpf_helper.h"
 
 namespace {
 
 using namespace kavo::client;
-
-constexpr char kDefaultSocket[] = "/mnt/bpfframework/kavobpfdispatcher";
+using kavobpf::kDefaultSocket;
 
 void PrintUsage(FILE* out) {
   fprintf(out,
           "Usage: kavobpf_client --events LIST [--json] [--count N] [--duration SECONDS]\n"
-          "                      [--connect-timeout SECONDS] [--socket NAME]\n"
+          "                      [--connect-timeout SECONDS] [--socket NAME] [--verbose]\n"
           "\n"
           "Subscribes to events of the KAVO BPF service and prints one line per event.\n"
           "\n"
@@ -47,6 +46,7 @@ void PrintUsage(FILE* out) {
           "  --connect-timeout SECONDS  give up (exit 1) when no service answers within\n"
           "                             this long (default 10)\n"
           "  --socket NAME              the service's socket (default %s)\n"
+          "  --verbose                  also show the connection layer's own log lines\n"
           "  --help                     show this text\n"
           "\n"
           "On exit a summary (events per type, refused subscriptions) goes to stderr.\n"
@@ -79,36 +79,52 @@ struct Received {
   std::condition_variable changed;
   std::map<int, long long> perType;
   long long total = 0;
+  int accepted = 0;
+  int refused = 0;
+  int answered = 0;
 };
 
-[[noreturn]] void Finish(Received& received, const ClientSession& session, int code) {
+// Prints the summary and leaves. Closing the client is not waited for: its
+// thread may sit in a reconnect pause, and nothing is left to flush.
+[[noreturn]] void Finish(Received& received, int code) {
   std::string summary;
   {
     std::lock_guard<std::mutex> guard(received.mutex);
     fflush(stdout);
-    summary = Kavo::Bpf::StringPrintf("kavobpf_client: %lld events", received.total);
+    summary = "kavobpf_client: " + std::to_string(received.total) + " events";
     const char* separator = " (";
     for (const auto& [type, count] : received.perType) {
-      std::string name = EventTypeName(type);
+      std::string name(kavobpf::EventTypeName(type));
       summary += separator + (name.empty() ? std::to_string(type) : name) + ": " + std::to_string(count);
       separator = ", ";
     }
     if (!received.perType.empty()) summary += ")";
+    summary += "; subscriptions: " + std::to_string(received.accepted) + " accepted, " +
+               std::to_string(received.refused) + " refused (result -1)\n";
   }
-  summary += Kavo::Bpf::StringPrintf("; subscriptions: %d accepted, %d refused (result -1)\n",
-                                     session.okResponses(), session.refusedResponses());
   fputs(summary.c_str(), stderr);
   fflush(stderr);
-  // The endpoint's thread may sit in a reconnect pause; nothing is left to
-  // flush, so leave without joining it.
   _exit(code);
+}
+
+std::vector<std::string> SplitList(const std::string& list) {
+  std::vector<std::string> items;
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t comma = list.find(',', start);
+    if (comma == std::string::npos) comma = list.size();
+    if (comma > start) items.push_back(list.substr(start, comma - start));
+    start = comma + 1;
+  }
+  return items;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<int> eventTypes;
+  std::vector<int32_t> eventTypes;
   bool json = false;
+  bool verbose = false;
   long long count = -1;
   double duration = -1;
   double connectTimeout = 10;
@@ -118,16 +134,17 @@ int main(int argc, char** argv) {
       {"events", required_argument, nullptr, 'e'}, {"json", no_argument, nullptr, 'j'},
       {"count", required_argument, nullptr, 'c'},  {"duration", required_argument, nullptr, 'd'},
       {"connect-timeout", required_argument, nullptr, 't'}, {"socket", required_argument, nullptr, 's'},
-      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+      {"verbose", no_argument, nullptr, 'v'},       {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
   };
   opterr = 0;
   int opt;
   while ((opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
     switch (opt) {
       case 'e':
-        for (const std::string& item : Kavo::Bpf::Split(optarg, ",")) {
-          int type;
-          if (!ParseEventType(item, &type)) UsageError("unknown event type '" + item + "'");
+        for (const std::string& item : SplitList(optarg)) {
+          int32_t type;
+          if (!kavobpf::ParseEventType(item, &type)) UsageError("unknown event type '" + item + "'");
           eventTypes.push_back(type);
         }
         break;
@@ -149,6 +166,9 @@ int main(int argc, char** argv) {
       case 's':
         socketName = optarg;
         break;
+      case 'v':
+        verbose = true;
+        break;
       case 'h':
         PrintUsage(stdout);
         return 0;
@@ -167,29 +187,61 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
+  // The connection layer's lines (retries, its view of a lost server) are
+  // for whoever debugs the client; the tool says what matters itself.
+  if (!verbose) kavobpf::SetLogHandler(nullptr);
+
   Received received;
   std::atomic<bool> done{false};
-  ClientSession session(socketName, eventTypes, [&](const char* record, size_t size) {
+  kavobpf::ClientOptions options;
+  options.socket = socketName;
+  kavobpf::ClientCallbacks callbacks;
+  callbacks.onEvent = [&](const kavobpf::Event& event) {
     std::lock_guard<std::mutex> guard(received.mutex);
     if (done) return;
-    std::string line = json ? FormatEventJson(record, size, BootNs()) : FormatEventText(record, size);
+    std::string line = json ? FormatEventJson(event, BootNs()) : FormatEventText(event);
     line += '\n';
     fwrite(line.data(), 1, line.size(), stdout);
-    int32_t type = -1;
-    if (size >= sizeof(type)) memcpy(&type, record, sizeof(type));
-    ++received.perType[type];
+    ++received.perType[event.type];
     if (++received.total == count) done = true;
     received.changed.notify_all();
-  });
-  session.Start();
+  };
+  callbacks.onConnection = [&](kavobpf::ConnectionChange change) {
+    if (change == kavobpf::ConnectionChange::kLost) {
+      fprintf(stderr, "kavobpf_client: connection to %s lost, reconnecting\n", socketName.c_str());
+    } else if (change == kavobpf::ConnectionChange::kReconnected) {
+      fprintf(stderr, "kavobpf_client: reconnected to %s and subscribed again\n", socketName.c_str());
+    }
+  };
+  kavobpf::Client client(options, callbacks);
+  for (int32_t type : eventTypes) {
+    client.SubscribeAsync(type, [&received](int result) {
+      std::lock_guard<std::mutex> guard(received.mutex);
+      if (result == kavobpf::kAccepted) ++received.accepted;
+      if (result == kavobpf::kRefused) ++received.refused;
+      ++received.answered;
+      received.changed.notify_all();
+    });
+  }
   auto connectLimit = std::chrono::milliseconds(static_cast<long long>(connectTimeout * 1000));
-  if (!session.WaitConnected(connectLimit) || !session.WaitSubscribed(connectLimit)) {
+  auto connectDeadline = std::chrono::steady_clock::now() + connectLimit;
+  bool subscribed = client.Connect(connectLimit);
+  if (subscribed) {
+    std::unique_lock<std::mutex> lock(received.mutex);
+    subscribed = received.changed.wait_until(lock, connectDeadline, [&] {
+      return received.answered == static_cast<int>(eventTypes.size());
+    });
+  }
+  if (!subscribed) {
     fprintf(stderr, "kavobpf_client: no service answered on %s within %g s\n", socketName.c_str(),
             connectTimeout);
-    Finish(received, session, 1);
+    Finish(received, 1);
   }
-  fprintf(stderr, "kavobpf_client: subscribed on %s (%d accepted, %d refused)\n", socketName.c_str(),
-          session.okResponses(), session.refusedResponses());
+  {
+    std::lock_guard<std::mutex> guard(received.mutex);
+    fprintf(stderr, "kavobpf_client: subscribed on %s (%d accepted, %d refused)\n", socketName.c_str(),
+            received.accepted, received.refused);
+  }
 
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(duration < 0 ? 0 : static_cast<long long>(duration * 1000));
@@ -203,5 +255,5 @@ int main(int argc, char** argv) {
     std::lock_guard<std::mutex> guard(received.mutex);
     done = true;
   }
-  Finish(received, session, 0);
+  Finish(received, 0);
 }

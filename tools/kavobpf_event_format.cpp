@@ -1,25 +1,19 @@
 #include "kavobpf_event_format.h"
 
+#include <stdio.h>
 #include <string.h>
 
+#include <type_traits>
+#include <utility>
 #include <vector>
-
-#include "bpf/kavo_bpf_records.h"
-#include "utils/kavo_bpf_helper.h"
 
 namespace kavo::client {
 
 namespace {
 
-using Kavo::Bpf::ConvertToHexString;
-using Kavo::Bpf::StringPrintf;
+using kavobpf::Event;
+using kavobpf::Text;
 
-const char* const kRawNames[] = {
-    "kavo_task_init",   "kmem_rss_info",             "sched_task_create", "sched_task_exit",
-    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info",    "dmabuf_update",
-};
-const char* const kDerivedNames[] = {"process_created", "process_exited", "thread_count_changed",
-                                     "memory_changed"};
 const char* const kMemberNames[] = {"file", "anon", "swap", "shmem"};
 const char* const kDmabufActions[] = {"?", "attach", "vmap", "mmap", "release", "process_exit"};
 
@@ -38,15 +32,15 @@ std::string JsonString(const std::string& s) {
       out += '\\';
       out += static_cast<char>(c);
     } else if (c < 0x20 || c >= 0x7f) {
-      out += StringPrintf("\\u%04x", c);
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+      out += escaped;
     } else {
       out += static_cast<char>(c);
     }
   }
   return out + "\"";
 }
-
-std::string Comm(const char* comm, size_t capacity) { return std::string(comm, strnlen(comm, capacity)); }
 
 Field Num(const std::string& key, long long v) {
   std::string s = std::to_string(v);
@@ -66,166 +60,143 @@ const char* Kind(uint32_t kind) {
   return kind == KAVO_TASK_PROCESS ? "process" : kind == KAVO_TASK_THREAD ? "thread" : "unknown";
 }
 
-template <typename T>
-bool Read(const char* record, size_t size, T* out) {
-  if (size < sizeof(T)) return false;
-  memcpy(out, record, sizeof(T));
-  return true;
-}
+// The fields of a decoded record; false when it was not decoded.
+struct FieldsOf {
+  std::vector<Field>* f;
 
-// The fields of a record; false when the type is unknown or the record short.
-bool Decode(const char* record, size_t size, int type, std::vector<Field>* f) {
-  switch (type) {
-    case KAVO_EVENT_TASK_INIT: {
-      kavo_task_init_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Num("threads", e.thread_count),
-            Str("comm", Comm(e.comm, sizeof(e.comm))), Kib("rss_file", e.rss_file), Kib("rss_anon", e.rss_anon),
-            Kib("rss_shmem", e.rss_shmem), Kib("swap", e.rss_swap), Num("start_time", e.start_time)};
-      return true;
-    }
-    case KAVO_EVENT_RSS_STAT: {
-      kavo_rss_event e;
-      if (!Read(record, size, &e)) return false;
-      const char* member = e.member >= 0 && e.member < KAVO_RSS_MEMBERS ? kMemberNames[e.member] : "?";
-      *f = {Num("pid", e.pid), Str("member", member), Kib("size", e.size)};
-      return true;
-    }
-    case KAVO_EVENT_TASK_CREATE: {
-      kavo_fork_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", Comm(e.comm, sizeof(e.comm))),
-            Str("kind", Kind(e.kind))};
-      return true;
-    }
-    case KAVO_EVENT_TASK_EXIT: {
-      kavo_exit_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Str("comm", Comm(e.comm, sizeof(e.comm))), Str("kind", Kind(e.kind))};
-      return true;
-    }
-    case KAVO_EVENT_DMABUF_SIZE: {
-      kavo_dmabuf_size_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Unsigned("inode", e.inode), Kib("size", e.size), Kib("process_total", e.process_total),
-            Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      return true;
-    }
-    case KAVO_EVENT_CGROUP_ATTACH: {
-      kavo_cgroup_attach_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("level", e.dst_level), Unsigned("cgroup_id", e.dst_id),
-            Str("comm", Comm(e.comm, sizeof(e.comm))), Str("path", Comm(e.dst_path, sizeof(e.dst_path)))};
-      return true;
-    }
-    case KAVO_EVENT_FD_UPDATE: {
-      kavo_fd_update_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Unsigned("fds", e.fd_count), Unsigned("reported_fds", e.reported_fd_count),
-            Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      return true;
-    }
-    case KAVO_EVENT_DMABUF_UPDATE: {
-      kavo_dmabuf_update_event e;
-      if (!Read(record, size, &e)) return false;
-      const char* action = e.action < sizeof(kDmabufActions) / sizeof(kDmabufActions[0]) ? kDmabufActions[e.action] : "?";
-      *f = {Num("pid", e.pid), Str("action", action), Unsigned("inode", e.inode), Kib("size", e.size),
-            Kib("process_total", e.process_total), Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      return true;
-    }
-    case KAVO_EVENT_PROCESS_CREATED: {
-      kavo_process_created_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      return true;
-    }
-    case KAVO_EVENT_PROCESS_EXITED: {
-      kavo_process_exited_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      return true;
-    }
-    case KAVO_EVENT_THREAD_COUNT_CHANGED: {
-      kavo_thread_count_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Num("old_threads", e.old_thread_count),
-            Num("threads", e.thread_count)};
-      return true;
-    }
-    case KAVO_EVENT_MEMORY_CHANGED: {
-      kavo_memory_changed_event e;
-      if (!Read(record, size, &e)) return false;
-      *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", Comm(e.comm, sizeof(e.comm)))};
-      for (int m = 0; m < KAVO_RSS_MEMBERS; ++m) f->push_back(Kib(kMemberNames[m], e.size[m]));
-      for (int m = 0; m < KAVO_RSS_MEMBERS; ++m) f->push_back(Kib(std::string("old_") + kMemberNames[m], e.old_size[m]));
-      return true;
-    }
-    default:
-      return false;
+  bool operator()(const std::monostate&) const { return false; }
+  bool operator()(const kavo_task_init_event& e) const {
+    *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Num("threads", e.thread_count),
+          Str("comm", std::string(Text(e.comm))), Kib("rss_file", e.rss_file), Kib("rss_anon", e.rss_anon),
+          Kib("rss_shmem", e.rss_shmem), Kib("swap", e.rss_swap), Num("start_time", e.start_time)};
+    return true;
   }
+  bool operator()(const kavo_rss_event& e) const {
+    const char* member = e.member >= 0 && e.member < KAVO_RSS_MEMBERS ? kMemberNames[e.member] : "?";
+    *f = {Num("pid", e.pid), Str("member", member), Kib("size", e.size)};
+    return true;
+  }
+  bool operator()(const kavo_fork_event& e) const {
+    *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", std::string(Text(e.comm))),
+          Str("kind", Kind(e.kind))};
+    return true;
+  }
+  bool operator()(const kavo_exit_event& e) const {
+    *f = {Num("pid", e.pid), Str("comm", std::string(Text(e.comm))), Str("kind", Kind(e.kind))};
+    return true;
+  }
+  bool operator()(const kavo_dmabuf_size_event& e) const {
+    *f = {Num("pid", e.pid), Unsigned("inode", e.inode), Kib("size", e.size), Kib("process_total", e.process_total),
+          Str("comm", std::string(Text(e.comm)))};
+    return true;
+  }
+  bool operator()(const kavo_cgroup_attach_event& e) const {
+    *f = {Num("pid", e.pid), Num("level", e.dst_level), Unsigned("cgroup_id", e.dst_id),
+          Str("comm", std::string(Text(e.comm))), Str("path", std::string(Text(e.dst_path)))};
+    return true;
+  }
+  bool operator()(const kavo_fd_update_event& e) const {
+    *f = {Num("pid", e.pid), Unsigned("fds", e.fd_count), Unsigned("reported_fds", e.reported_fd_count),
+          Str("comm", std::string(Text(e.comm)))};
+    return true;
+  }
+  bool operator()(const kavo_dmabuf_update_event& e) const {
+    const char* action = e.action < sizeof(kDmabufActions) / sizeof(kDmabufActions[0]) ? kDmabufActions[e.action] : "?";
+    *f = {Num("pid", e.pid), Str("action", action), Unsigned("inode", e.inode), Kib("size", e.size),
+          Kib("process_total", e.process_total), Str("comm", std::string(Text(e.comm)))};
+    return true;
+  }
+  bool operator()(const kavo_process_created_event& e) const {
+    *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", std::string(Text(e.comm)))};
+    return true;
+  }
+  bool operator()(const kavo_process_exited_event& e) const {
+    *f = {Num("pid", e.pid), Str("comm", std::string(Text(e.comm)))};
+    return true;
+  }
+  bool operator()(const kavo_thread_count_event& e) const {
+    *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Num("old_threads", e.old_thread_count),
+          Num("threads", e.thread_count)};
+    return true;
+  }
+  bool operator()(const kavo_memory_changed_event& e) const {
+    *f = {Num("pid", e.pid), Num("ppid", e.ppid), Num("uid", e.uid), Str("comm", std::string(Text(e.comm)))};
+    for (int m = 0; m < KAVO_RSS_MEMBERS; ++m) f->push_back(Kib(kMemberNames[m], e.size[m]));
+    for (int m = 0; m < KAVO_RSS_MEMBERS; ++m) f->push_back(Kib(std::string("old_") + kMemberNames[m], e.old_size[m]));
+    return true;
+  }
+};
+
+// Raw records begin with the kernel's header; derived ones do not.
+template <typename T, typename = void>
+struct HasHeader : std::false_type {};
+template <typename T>
+struct HasHeader<T, std::void_t<decltype(std::declval<T>().header)>> : std::true_type {};
+
+// The kernel's time stamp of a raw record; false for a derived one.
+bool RawTime(const Event& event, unsigned long long* timeNs) {
+  // A raw record too short for its layout may still hold the header.
+  if (event.type >= 0 && event.type <= KAVO_EVENT_RAW_MAX &&
+      event.undecoded.size() >= sizeof(kavo_event_header)) {
+    kavo_event_header header;
+    memcpy(&header, event.undecoded.data(), sizeof(header));
+    *timeNs = header.time_ns;
+    return true;
+  }
+  return std::visit(
+      [timeNs](const auto& record) {
+        using T = std::decay_t<decltype(record)>;
+        if constexpr (HasHeader<T>::value) {
+          *timeNs = record.header.time_ns;
+          return true;
+        }
+        return false;
+      },
+      event.record);
 }
 
-bool IsRaw(int type) { return type >= 0 && type <= KAVO_EVENT_RAW_MAX; }
+std::string Hex(const std::vector<uint8_t>& bytes) {
+  std::string out;
+  char digits[4];
+  for (uint8_t byte : bytes) {
+    snprintf(digits, sizeof(digits), "%02x ", byte);
+    out += digits;
+  }
+  return out;
+}
 
-int TypeOf(const char* record, size_t size) {
-  int32_t type = -1;
-  if (size >= sizeof(type)) memcpy(&type, record, sizeof(type));
-  return type;
+std::string Name(const Event& event) {
+  std::string_view name = kavobpf::EventTypeName(event.type);
+  return std::string(name);
 }
 
 }  // namespace
 
-std::string EventTypeName(int type) {
-  if (IsRaw(type)) return kRawNames[type];
-  if (type >= KAVO_EVENT_PROCESS_CREATED && type <= KAVO_EVENT_MEMORY_CHANGED) {
-    return kDerivedNames[type - KAVO_EVENT_PROCESS_CREATED];
-  }
-  return "";
-}
-
-bool ParseEventType(const std::string& text, int* type) {
-  if (Kavo::Bpf::IsDigits(text) && text.size() < 10) {
-    *type = std::stoi(text);
-    return true;
-  }
-  for (int t = 0; t <= KAVO_EVENT_RAW_MAX; ++t) {
-    if (text == kRawNames[t]) return (*type = t), true;
-  }
-  for (int t = KAVO_EVENT_PROCESS_CREATED; t <= KAVO_EVENT_MEMORY_CHANGED; ++t) {
-    if (text == EventTypeName(t)) return (*type = t), true;
-  }
-  return false;
-}
-
-std::string FormatEventText(const char* record, size_t size) {
-  int type = TypeOf(record, size);
-  std::string name = EventTypeName(type);
-  std::string line = name.empty() ? StringPrintf("type=%d", type) : name;
-  kavo_event_header header;
-  if (IsRaw(type) && Read(record, size, &header)) line += StringPrintf(" time_ns=%llu", (unsigned long long)header.time_ns);
+std::string FormatEventText(const Event& event) {
+  std::string name = Name(event);
+  std::string line = name.empty() ? "type=" + std::to_string(event.type) : name;
+  unsigned long long timeNs;
+  if (RawTime(event, &timeNs)) line += " time_ns=" + std::to_string(timeNs);
   std::vector<Field> fields;
-  if (!Decode(record, size, type, &fields)) {
-    return line + " size=" + std::to_string(size) + " hex=" + ConvertToHexString(record, static_cast<int>(size));
+  if (!std::visit(FieldsOf{&fields}, event.record)) {
+    return line + " size=" + std::to_string(event.size) + " hex=" + Hex(event.undecoded);
   }
   for (const Field& field : fields) line += " " + field.key + "=" + field.text;
   return line;
 }
 
-std::string FormatEventJson(const char* record, size_t size, uint64_t receivedBootNs) {
-  int type = TypeOf(record, size);
-  std::string json = StringPrintf("{\"type\":%d", type);
-  std::string name = EventTypeName(type);
+std::string FormatEventJson(const Event& event, uint64_t receivedBootNs) {
+  std::string json = "{\"type\":" + std::to_string(event.type);
+  std::string name = Name(event);
   if (!name.empty()) json += ",\"name\":" + JsonString(name);
-  kavo_event_header header;
-  if (IsRaw(type) && Read(record, size, &header)) {
-    json += StringPrintf(",\"time_ns\":%llu", (unsigned long long)header.time_ns);
-  }
-  json += StringPrintf(",\"recv_ns\":%llu", (unsigned long long)receivedBootNs);
+  unsigned long long timeNs;
+  if (RawTime(event, &timeNs)) json += ",\"time_ns\":" + std::to_string(timeNs);
+  json += ",\"recv_ns\":" + std::to_string(static_cast<unsigned long long>(receivedBootNs));
   std::vector<Field> fields;
-  if (!Decode(record, size, type, &fields)) {
-    std::string hex = ConvertToHexString(record, static_cast<int>(size));
+  if (!std::visit(FieldsOf{&fields}, event.record)) {
+    std::string hex = Hex(event.undecoded);
     if (!hex.empty()) hex.pop_back();
-    return json + ",\"size\":" + std::to_string(size) + ",\"hex\":" + JsonString(hex) + "}";
+    return json + ",\"size\":" + std::to_string(event.size) + ",\"hex\":" + JsonString(hex) + "}";
   }
   for (const Field& field : fields) json += ",\"" + field.key + "\":" + field.json;
   return json + "}";

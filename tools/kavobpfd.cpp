@@ -1,10 +1,13 @@
 // kavobpfd: the Linux host process of libkavobpfservice.so. It plays the part
 // of the platform around the library: it sets system properties in-process,
-// reports the kernel side ready once the loader has pinned both ring buffers,
-// starts the service and stops it cleanly on SIGINT or SIGTERM.
+// decides who may use the socket (on a device the platform's security policy
+// does), reports the kernel side ready once the loader has pinned both ring
+// buffers, starts the service and stops it cleanly on SIGINT or SIGTERM.
 
 #include <android-base/properties.h>
 #include <getopt.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -17,7 +20,9 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "service/kavo_bpf_client_policy.h"
 #include "service/kavo_bpf_service.h"
 
 namespace {
@@ -26,20 +31,31 @@ using Kavo::Bpf::KavoBpfService;
 
 constexpr char kReadyProperty[] = "sys.kavo_bpf_ready";
 constexpr char kKernelVersionProperty[] = "ro.kernel.version";
+// Members of this group may use the socket, when the group exists.
+constexpr char kDefaultGroup[] = "kavobpf";
 // After a stop request the process is gone within this time, whatever the
 // service threads are doing.
 constexpr int kExitDeadlineMs = 1800;
 
 void PrintUsage(FILE* out) {
   fprintf(out,
-          "Usage: kavobpfd [--prop NAME=VALUE]... [--seed-fd] [--help]\n"
+          "Usage: kavobpfd [--prop NAME=VALUE]... [--allow-uid UID]... [--allow-group NAME]\n"
+          "                [--allow-all] [--seed-fd] [--help]\n"
           "\n"
           "Hosts the KAVO BPF service (libkavobpfservice.so) on Linux: attaches the\n"
           "programs pinned under /sys/fs/bpf/kavo/, consumes their ring buffers and\n"
           "serves clients on the socket /mnt/bpfframework/kavobpfdispatcher.\n"
           "Stops on SIGINT or SIGTERM and exits 0.\n"
           "\n"
+          "Who is served: root, the members of the group kavobpf (when it exists),\n"
+          "and the users given with --allow-uid. Any other peer is closed as soon as\n"
+          "it connects, before anything of it is read, and logged.\n"
+          "\n"
           "Options:\n"
+          "  --allow-uid UID    also serve this user (a number or a name); repeatable\n"
+          "  --allow-group NAME serve the members of this group instead of kavobpf's\n"
+          "                     (the group must exist)\n"
+          "  --allow-all        serve every peer (no check; for a single-user machine)\n"
           "  --prop NAME=VALUE  set a system property before the service starts; may be\n"
           "                     repeated. Useful names:\n"
           "                       persist.sys.stability.bpfframework.disable  \"1\" disables\n"
@@ -52,7 +68,12 @@ void PrintUsage(FILE* out) {
           "  --seed-fd          once both program sets are attached, seed the open-fd\n"
           "                     map (map_KavoBpfDefineset_open_fd_caller_map) with every\n"
           "                     process's descriptor count from /proc\n"
-          "  --help             show this text and exit\n");
+          "\n"
+          "The check is set through the properties %s\n"
+          "and %s (comma-separated ids);\n"
+          "given with --prop, they replace what the options above would set.\n"
+          "  --help             show this text and exit\n",
+          Kavo::Bpf::KAVO_ALLOWED_UIDS_PROPERTY, Kavo::Bpf::KAVO_ALLOWED_GIDS_PROPERTY);
 }
 
 [[noreturn]] void UsageError(const std::string& message) {
@@ -78,6 +99,36 @@ bool RingBuffersPinned() {
   return true;
 }
 
+// A user given by number or name.
+bool ParseUid(const std::string& text, uid_t* uid) {
+  char* end = nullptr;
+  unsigned long number = strtoul(text.c_str(), &end, 10);
+  if (!text.empty() && text[0] >= '0' && text[0] <= '9' && *end == '\0' &&
+      number < static_cast<unsigned long>(static_cast<uid_t>(-1))) {
+    *uid = static_cast<uid_t>(number);
+    return true;
+  }
+  struct passwd* user = getpwnam(text.c_str());
+  if (user == nullptr) return false;
+  *uid = user->pw_uid;
+  return true;
+}
+
+// Who may use the socket, unless the properties were given outright.
+void SetClientPolicy(std::map<std::string, std::string>* properties, const std::vector<uid_t>& uids,
+                     const std::string& group, bool groupGiven) {
+  if (properties->count(Kavo::Bpf::KAVO_ALLOWED_UIDS_PROPERTY) != 0 ||
+      properties->count(Kavo::Bpf::KAVO_ALLOWED_GIDS_PROPERTY) != 0) {
+    return;
+  }
+  std::string list = "0";
+  for (uid_t uid : uids) list += "," + std::to_string(uid);
+  (*properties)[Kavo::Bpf::KAVO_ALLOWED_UIDS_PROPERTY] = list;
+  struct group* allowed = getgrnam(group.c_str());
+  if (allowed == nullptr && groupGiven) UsageError("no group named '" + group + "'");
+  if (allowed != nullptr) (*properties)[Kavo::Bpf::KAVO_ALLOWED_GIDS_PROPERTY] = std::to_string(allowed->gr_gid);
+}
+
 [[noreturn]] void ExitNow(int code) {
   fflush(stdout);
   fflush(stderr);
@@ -89,8 +140,15 @@ bool RingBuffersPinned() {
 int main(int argc, char** argv) {
   std::map<std::string, std::string> properties;
   bool seedFd = false;
+  std::vector<uid_t> allowedUids;
+  std::string allowedGroup = kDefaultGroup;
+  bool groupGiven = false;
+  bool allowAll = false;
   static const struct option kOptions[] = {
       {"prop", required_argument, nullptr, 'p'},
+      {"allow-uid", required_argument, nullptr, 'u'},
+      {"allow-group", required_argument, nullptr, 'g'},
+      {"allow-all", no_argument, nullptr, 'a'},
       {"seed-fd", no_argument, nullptr, 'f'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
@@ -108,6 +166,19 @@ int main(int argc, char** argv) {
         properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
         break;
       }
+      case 'u': {
+        uid_t uid;
+        if (!ParseUid(optarg, &uid)) UsageError(std::string("--allow-uid: no user '") + optarg + "'");
+        allowedUids.push_back(uid);
+        break;
+      }
+      case 'g':
+        allowedGroup = optarg;
+        groupGiven = true;
+        break;
+      case 'a':
+        allowAll = true;
+        break;
       case 'f':
         seedFd = true;
         break;
@@ -116,6 +187,8 @@ int main(int argc, char** argv) {
         return 0;
       case '?':
         if (optopt == 'p') UsageError("--prop needs NAME=VALUE");
+        if (optopt == 'u') UsageError("--allow-uid needs a user");
+        if (optopt == 'g') UsageError("--allow-group needs a group name");
         UsageError(std::string("unknown option '") + argv[optind - 1] + "'");
       default:
         UsageError("bad arguments");
@@ -126,6 +199,10 @@ int main(int argc, char** argv) {
   if (properties.count(kKernelVersionProperty) == 0) {
     properties[kKernelVersionProperty] = RunningKernelVersion();
   }
+  if (!allowAll) SetClientPolicy(&properties, allowedUids, allowedGroup, groupGiven);
+  // What the service writes under /data names every process on the machine:
+  // for root's eyes only.
+  umask(077);
   bool signalReady = properties.count(kReadyProperty) == 0;
   if (signalReady) properties[kReadyProperty] = "0";
   for (const auto& [name, value] : properties) android::base::SetProperty(name, value);

@@ -99,4 +99,6 @@ void RecordBpfServiceErrorInfo(int errorCode, std::string const& error) {
   fflush(out.get());
 }
 
+void InstallErrorLogAsIpcRecorder() { SetIpcErrorRecorder(&RecordBpfServiceErrorInfo); }
+
 }  // namespace Kavo::Bpf

@@ -22,20 +22,9 @@
 #include <string>
 
 #include "utils/kavo_bpf_export.h"
+#include "utils/kavo_bpf_ipc_error.h"
 
 namespace Kavo::Bpf {
-
-// Error codes of the records.
-enum KavoBpfErrorCode : int {
-  KAVO_ERROR_SEND_DROPPED = 1,
-  KAVO_ERROR_DAMAGED_FRAME = 2,
-  KAVO_ERROR_QUEUE_FULL_PACKAGE = 3,
-  KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL = 4,
-  KAVO_ERROR_QUEUE_FULL_REQUEST = 5,
-  KAVO_ERROR_QUEUE_FULL_RESPONSE = 6,
-  KAVO_ERROR_FILL_DAMAGED = 7,
-  KAVO_ERROR_FILL_NEXT_DAMAGED = 8,
-};
 
 extern const char* const KAVO_ERROR_LOG_DIR;       // ".../kavobpfframework/"
 extern const char* const KAVO_ERROR_LOG_PATH;      // ".../error.log"
@@ -47,5 +36,9 @@ KAVO_EXPORT int InitBpfServiceErrorLog();
 
 // Adds one record at the top of "error.log".
 KAVO_EXPORT void RecordBpfServiceErrorInfo(int errorCode, std::string const& error);
+
+// Makes the IPC framework's losses (codes 1 to 8, KavoIpcErrorCode) records
+// of this log. The service installs it when it is built.
+KAVO_EXPORT void InstallErrorLogAsIpcRecorder();
 
 }  // namespace Kavo::Bpf

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <condition_variable>
 
+#include "service/kavo_bpf_client_policy.h"
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_signals.h"
@@ -66,6 +67,8 @@ KavoBpfService* KavoBpfService::GetInstance() {
 }
 
 KavoBpfService::KavoBpfService() {
+  // What the IPC framework loses goes into the error log from the start.
+  InstallErrorLogAsIpcRecorder();
   IpcHandlerState handlers;
   handlers.compactReadBuffer = true;
   handlers.closeOnError = true;
@@ -74,6 +77,12 @@ KavoBpfService::KavoBpfService() {
   handlers.writeHandler = [this](int fd, BufferState* b) { return onClientLibWriteable(fd, b); };
   handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
   handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
+  const ClientPolicy policy = ClientPolicy::FromProperties();
+  if (policy.restricted()) {
+    __android_log_print(ANDROID_LOG_INFO, kTag, "[KavoBpfService] Clients served: %s",
+                        policy.describe().c_str());
+    handlers.peerFilter = [policy](const PeerCredentials& peer) { return policy.allows(peer); };
+  }
   ipcManager = std::make_unique<UnixIpcManager>(true, kIpcBufferSize, kSocketName, handlers,
                                                 "BpfServiceTr", ServiceCpuSet(), kEpollSizeHint,
                                                 kEpollEventsPerWait);

@@ -1,4 +1,4 @@
-// String utilities shared by the service.
+// String utilities shared by the service and the IPC framework.
 
 #include <limits.h>
 #include <stdarg.h>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "utils/kavo_bpf_helper.h"
+#include "utils/kavo_bpf_helper_string.h"
 
 namespace Kavo::Bpf {
 

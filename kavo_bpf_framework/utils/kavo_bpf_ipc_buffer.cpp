@@ -28,8 +28,8 @@
 #include <algorithm>
 #include <string>
 
-#include "service/kavo_bpf_error_log.h"
-#include "utils/kavo_bpf_helper.h"
+#include "utils/kavo_bpf_ipc_error.h"
+#include "utils/kavo_bpf_helper_string.h"
 
 namespace {
 
@@ -51,8 +51,8 @@ void DropDamagedFrame(BufferState* buffer, uint32_t total) {
   const std::string hexdump = Kavo::Bpf::ConvertToHexString(
       buffer->data(), static_cast<int>(std::min(buffer->bufferDataCursor, buffer->size())));
 
-  Kavo::Bpf::RecordBpfServiceErrorInfo(
-      Kavo::Bpf::KAVO_ERROR_DAMAGED_FRAME,
+  RecordIpcError(
+      KAVO_ERROR_DAMAGED_FRAME,
       Kavo::Bpf::StringPrintf("Ipc package damage, packageSize: %zd, cursor: %zd, data: %zd, "
                               "bufferSize: %zd, Buffer hexdump: %s",
                               packageSize, cursor, data, bufferSize, hexdump.c_str()));

@@ -23,8 +23,8 @@
 #include <chrono>
 #include <string>
 
-#include "service/kavo_bpf_error_log.h"
-#include "utils/kavo_bpf_helper.h"
+#include "utils/kavo_bpf_ipc_error.h"
+#include "utils/kavo_bpf_helper_string.h"
 
 namespace {
 
@@ -79,7 +79,7 @@ void LogPackageDamaged() {
 }
 
 void RecordPackageTooBig(int errorCode, const char* error) {
-  Kavo::Bpf::RecordBpfServiceErrorInfo(errorCode, error);
+  RecordIpcError(errorCode, error);
   __android_log_print(ANDROID_LOG_ERROR, kTag, "The ipc package is too big! remove this package");
 }
 
@@ -91,7 +91,7 @@ void IpcPackageManager::appendRespIpcPackage(KavoRespIpcPackage* resp) {
                         resp->dataSize);
     return;
   }
-  enqueue(kReqRespHeaderSize + resp->dataSize, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_RESPONSE,
+  enqueue(kReqRespHeaderSize + resp->dataSize, KAVO_ERROR_QUEUE_FULL_RESPONSE,
           "[AppendRespIpc] ipc Package Queue too big: %zu", [resp](char* p) {
             BuildReqResp(p, KAVO_IPC_RESPONSE, resp->reqId, static_cast<uint32_t>(resp->result),
                          resp->dataSize, resp->data.data(), resp->data.size());
@@ -104,7 +104,7 @@ void IpcPackageManager::appendReqIpcPackage(KavoReqIpcPackage* req) {
                         req->dataSize);
     return;
   }
-  enqueue(kReqRespHeaderSize + req->dataSize, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_REQUEST,
+  enqueue(kReqRespHeaderSize + req->dataSize, KAVO_ERROR_QUEUE_FULL_REQUEST,
           "[AppendReqIpc] ipc Package Queue too big: %zu", [req](char* p) {
             BuildReqResp(p, KAVO_IPC_REQUEST, req->reqId, req->reqType, req->dataSize, req->data,
                          req->data != nullptr ? req->dataSize : 0);
@@ -117,7 +117,7 @@ bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, char* data
     __android_log_print(ANDROID_LOG_ERROR, kTag, "[AppendSecondIpc] ipc package too big: %u", size);
     return false;
   }
-  enqueue(kSecondLevelHeaderSize + size, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL,
+  enqueue(kSecondLevelHeaderSize + size, KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL,
           "[AppendSecondIpc] ipc Package Queue too big: %zu", [type, data, size](char* p) {
             PutU32(p, type);
             PutU32(p + 4, size);
@@ -131,7 +131,7 @@ bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, char* data
 }
 
 void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned size) {
-  enqueue(size, Kavo::Bpf::KAVO_ERROR_QUEUE_FULL_PACKAGE,
+  enqueue(size, KAVO_ERROR_QUEUE_FULL_PACKAGE,
           "[BuildAndAppendIpc] ipc Package Queue too big: %zu", [data, size](char* p) {
             if (data != nullptr) {
               memcpy(p, data, size);
@@ -159,7 +159,7 @@ void IpcPackageManager::enqueue(uint32_t size, int errorCode, const char* logFor
   }
   // The record rewrites a file: not while producers wait for the queue.
   if (trimmedFrom != 0) {
-    Kavo::Bpf::RecordBpfServiceErrorInfo(
+    RecordIpcError(
         errorCode,
         Kavo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(kQueueHighWater)));
     __android_log_print(ANDROID_LOG_ERROR, kTag, logFormat, trimmedFrom);
@@ -201,7 +201,7 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
     count_.store(queue_.count(), std::memory_order_relaxed);
   }
   if (tooBig) {
-    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
+    RecordPackageTooBig(KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
   }
   return moved;
 }
@@ -215,7 +215,7 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
     count_.store(queue_.count(), std::memory_order_relaxed);
   }
   if (tooBig) {
-    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
+    RecordPackageTooBig(KAVO_ERROR_FILL_NEXT_DAMAGED, "fillNextIpcPackageToBuffer ipc package damaged");
   }
   return moved;
 }
@@ -250,7 +250,7 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
     queue_.pop();
     count_.store(queue_.count(), std::memory_order_relaxed);
     lock.unlock();
-    RecordPackageTooBig(Kavo::Bpf::KAVO_ERROR_FILL_DAMAGED, "fillIpcPackageToBuffer ipc package damaged");
+    RecordPackageTooBig(KAVO_ERROR_FILL_DAMAGED, "fillIpcPackageToBuffer ipc package damaged");
     return false;
   }
   return true;

@@ -16,8 +16,8 @@
 
 #include <string>
 
-#include "service/kavo_bpf_error_log.h"
-#include "utils/kavo_bpf_helper.h"
+#include "utils/kavo_bpf_ipc_error.h"
+#include "utils/kavo_bpf_helper_string.h"
 #include "utils/kavo_bpf_unix_ipc_manager.h"
 
 namespace {
@@ -187,8 +187,8 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                       "message: %s, clientFd: %d",
                       left, EAGAIN, strerror(EAGAIN), fd);
   __android_log_print(ANDROID_LOG_ERROR, logTag_, "[UnixIpcManager] Clear send buffer");
-  Kavo::Bpf::RecordBpfServiceErrorInfo(
-      Kavo::Bpf::KAVO_ERROR_SEND_DROPPED,
+  RecordIpcError(
+      KAVO_ERROR_SEND_DROPPED,
       Kavo::Bpf::StringPrintf("Send data 10 times failed. bufferCursor: %zd, bufferDataCursor: %zd",
                               static_cast<ssize_t>(writeBuffer->bufferCursor),
                               static_cast<ssize_t>(writeBuffer->bufferDataCursor)));

@@ -17,6 +17,10 @@ namespace {
 
 // The client role tries again this long after a failed connect, forever.
 constexpr auto kReconnectPeriod = std::chrono::seconds(5);
+// At most this many refused peers are logged one by one per period; the
+// rest are counted and the count logged with the next refusal after it.
+constexpr unsigned kRefusalsLoggedPerPeriod = 10;
+constexpr int64_t kRefusalLogPeriodSeconds = 60;
 
 cpu_set_t CurrentCpus() {
   cpu_set_t cpus;
@@ -164,6 +168,10 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
                         errno, strerror(errno));
     return IPC_CB_FAILED;
   }
+  if (!admit(fd)) {
+    close(fd);
+    return IPC_CB_CLOSED;
+  }
   if (!Setnonblocking(fd)) {
     int error = errno;
     close(fd);
@@ -177,6 +185,36 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
   setSocketBufferSizes(fd, socketFd_);
   registerConnection(fd, std::move(callbacks));
   return IPC_CB_NEW_CONNECTION;
+}
+
+bool UnixIpcManager::admit(int fd) {
+  if (!handlers_.peerFilter) return true;
+  PeerCredentials peer;
+  const bool known = ReadPeerCredentials(fd, &peer);
+  if (known && handlers_.peerFilter(peer)) return true;
+  const int error = errno;
+
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::steady_clock::now().time_since_epoch()).count();
+  if (now - refusals_.periodStart >= kRefusalLogPeriodSeconds) {
+    if (refusals_.unlogged != 0) {
+      __android_log_print(ANDROID_LOG_WARN, logTag_,
+                          "[UnixIpcManager] Refused %u more peers without logging each",
+                          refusals_.unlogged);
+    }
+    refusals_ = RefusalLog{now, 0, 0};
+  }
+  if (refusals_.logged >= kRefusalsLoggedPerPeriod) {
+    ++refusals_.unlogged;
+  } else if (++refusals_.logged, known) {
+    __android_log_print(ANDROID_LOG_WARN, logTag_, "[UnixIpcManager] Refused peer: pid: %d, uid: %u, gid: %u",
+                        static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
+                        static_cast<unsigned>(peer.gid));
+  } else {
+    __android_log_print(ANDROID_LOG_WARN, logTag_,
+                        "[UnixIpcManager] Refused peer: its credentials cannot be read: %s", strerror(error));
+  }
+  return false;
 }
 
 EpollCallback UnixIpcManager::prepareConnection(int fd) {

@@ -10,7 +10,9 @@
 // and one write BufferState per connection, and hands them to its owner
 // through the handlers of an IpcHandlerState: the owner's read handler parses
 // the read buffer, its write handler fills the write buffer, and the endpoint
-// moves the bytes. It knows nothing of what the bytes mean.
+// moves the bytes. It knows nothing of what the bytes mean. In the server
+// role the owner may also decide, from the credentials the kernel gives for
+// a new connection, whether it is served at all (IpcHandlerState::peerFilter).
 //
 // A connection is identified by its socket descriptor everywhere. The
 // endpoint owns its socket and its connections: a connection is closed on
@@ -31,6 +33,7 @@
 // lock serialises it. notifyNeedWriteData() may be called from any thread.
 
 #include <sched.h>
+#include <stdint.h>
 #include <sys/epoll.h>
 
 #include <atomic>
@@ -45,6 +48,7 @@
 #include "utils/kavo_bpf_epoll_manager.h"
 #include "utils/kavo_bpf_export.h"
 #include "utils/kavo_bpf_ipc_buffer.h"
+#include "utils/kavo_bpf_peer_credentials.h"
 
 struct KAVO_EXPORT IpcHandlerState {
   // Before each receive, move the unread bytes of the read buffer to its start.
@@ -61,6 +65,11 @@ struct KAVO_EXPORT IpcHandlerState {
   std::function<int(int fd)> connectionHandler;
   // Told of each connection closed through a hang-up.
   std::function<int(int fd)> closeHandler;
+  // Server role: whether a new connection is served, judged by its peer's
+  // credentials before a single byte of it is read. A refused connection is
+  // closed at once: no buffers, no registration, no connection handler.
+  // Empty: every peer is served.
+  std::function<bool(const PeerCredentials& peer)> peerFilter;
 };
 
 class KAVO_EXPORT UnixIpcManager {
@@ -125,6 +134,8 @@ class KAVO_EXPORT UnixIpcManager {
   // The fd's write lock, created if absent; shared so that it outlives its
   // table entry while a writer still holds it.
   std::shared_ptr<std::mutex> writeLockFor(int fd);
+  // Asks the peer filter about a new connection; false when it is refused.
+  bool admit(int fd);
   // Waits out the reconnect period; false when stop() came first.
   bool waitBeforeReconnect();
   void interruptReconnect();
@@ -147,4 +158,11 @@ class KAVO_EXPORT UnixIpcManager {
   std::mutex stopMutex_;
   std::condition_variable stopCondition_;
   bool stopping_ = false;  // guarded by stopMutex_
+  // Refused peers are logged a few per period, so that a flood of them
+  // cannot flood the log (loop thread only).
+  struct RefusalLog {
+    int64_t periodStart = 0;
+    unsigned logged = 0;
+    unsigned unlogged = 0;
+  } refusals_;
 };

@@ -26,15 +26,6 @@
 
 namespace kavo::test {
 
-size_t OpenDescriptors(pid_t pid) {
-  size_t count = 0;
-  Kavo::Bpf::ForEachDirEntry(("/proc/" + std::to_string(pid) + "/fd").c_str(), [&count](const char* name) {
-    if (name[0] != '.') ++count;
-    return Kavo::Bpf::LineAction::kContinue;
-  });
-  return count;
-}
-
 size_t HeapInUse() {
 #ifdef KAVO_SANITIZER_ALLOCATOR
   return __sanitizer_get_current_allocated_bytes();

@@ -16,12 +16,11 @@
 
 #include <string>
 
+#include "test_process.h"
 #include "wait_until.h"
 
 namespace kavo::test {
 
-// Entries of /proc/<pid>/fd.
-size_t OpenDescriptors(pid_t pid);
 // Bytes the allocator has handed out and not taken back (the sanitizer's
 // allocator under a sanitizer, glibc's otherwise).
 size_t HeapInUse();
