@@ -19,7 +19,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bpf/kavo_bpf_records.h"
@@ -40,25 +42,37 @@ const char* const kDmaBufProbes[] = {"dma_buf_file_release", "dma_buf_stats_setu
                                      "dma_buf_mmap_internal"};
 
 // Loads the kernel side; false when the test cannot go on (skipped or failed).
-bool LoadKernelSide(const std::vector<std::string>& args = {}) {
+// The loader's output, which says what it pinned for each kprobe program,
+// goes to *output when given.
+bool LoadKernelSide(const std::vector<std::string>& args = {}, std::string* output = nullptr) {
   std::string why;
   if (!kavo::test::BpfAvailable(&why)) {
     [&] { KAVO_KERNEL_SKIP(why); }();
     return false;
   }
-  bool loaded = kavo::test::LoadKernelSide(&why, args);
+  bool loaded = kavo::test::LoadKernelSide(&why, args, output);
   EXPECT_TRUE(loaded) << why;
   return loaded;
 }
 
+// The kprobe programs of the catalogue, by set.
+std::vector<std::pair<std::string, std::string>> KprobePrograms() {
+  std::vector<std::pair<std::string, std::string>> programs = {
+      {"KavoBpfDefineset", "enter_fd_install"}};
+  for (const char* probe : kDmaBufProbes) programs.emplace_back("KavoBpfGplDefineset", probe);
+  return programs;
+}
+
 TEST(Attach, OnA515KernelTheDmaBufProbesAreSkipped) {
   kavo::test::RunInNamespace([] {
-    if (!LoadKernelSide()) return;
+    std::string loaded;
+    if (!LoadKernelSide({}, &loaded)) return;
     android::base::SetProperty("ro.kernel.version", "5.15");
     kavo::test::LogCapture log;
-    int expectedBase = kavo::test::KprobeableFunction("fd_install") ? 0 : 1;
-    EXPECT_EQ(expectedBase, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
-                                                    KavoBpfService::PROG_EVENT_MAP));
+    bool fdInstall = kavo::test::PinnedProbeAttaches(
+        kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install"));
+    EXPECT_EQ(fdInstall ? 0 : 1, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
+                                                         KavoBpfService::PROG_EVENT_MAP));
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
                                          KavoBpfService::PROG_GPL_EVENT_MAP));
     for (const char* probe : kDmaBufProbes) {
@@ -74,31 +88,153 @@ TEST(Attach, OnA515KernelTheDmaBufProbesAreSkipped) {
   });
 }
 
+// Whatever flavour the loader pinned in each kprobe program's place, the
+// service attaches what the kernel takes and logs and counts the rest, each
+// under its kprobe's name.
+void ExpectWhatWasPinnedAttaches(const std::string& loaded) {
+  android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
+  kavo::test::LogCapture log;
+  std::map<std::string, int> failing;
+  for (const auto& [set, program] : KprobePrograms()) {
+    kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
+    ASSERT_FALSE(pinned.flavour.empty()) << set << " " << program << " missing in\n" << loaded;
+    failing[set] += kavo::test::PinnedProbeAttaches(pinned) ? 0 : 1;
+  }
+  EXPECT_EQ(failing["KavoBpfDefineset"],
+            AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
+  EXPECT_EQ(failing["KavoBpfGplDefineset"], AttachAllKavoBpfProgram(
+                                                KavoBpfService::BPF_PROG_DIR,
+                                                KavoBpfService::PROG_GPL_EVENT_MAP));
+  for (const auto& [set, program] : KprobePrograms()) {
+    kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
+    EXPECT_EQ(kavo::test::PinnedProbeAttaches(pinned) ? 0u : 1u,
+              log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ",
+                        ANDROID_LOG_ERROR))
+        << program << " pinned as " << pinned.flavour << " " << pinned.function;
+  }
+  EXPECT_EQ(0u, log.Count("Skip bpf prog"));
+  EXPECT_EQ(0u, log.Count("Attach tracepoint prog failed"));
+  // Each was opened and tried, with the kprobe's own lines, whatever its flavour.
+  EXPECT_EQ(6u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: ",
+                          ANDROID_LOG_INFO));
+  EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: "
+                          "enter_fd_install, functionName: fd_install"));
+}
+
 TEST(Attach, OnTheRunningKernelWhatTheKernelOffersAttaches) {
   kavo::test::RunInNamespace([] {
-    if (!LoadKernelSide()) return;
-    android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
+    std::string loaded;
+    if (!LoadKernelSide({}, &loaded)) return;
+    ExpectWhatWasPinnedAttaches(loaded);
+  });
+}
+
+// The kprobes forced: where the kernel has no kprobes each one's attach
+// failure is logged and counted, as before there were trampoline twins.
+TEST(Attach, ForcedKprobesAttachOnlyWhereTheKernelHasKprobes) {
+  kavo::test::RunInNamespace([] {
+    std::string loaded;
+    if (!LoadKernelSide({"--probe-flavour", "kprobe"}, &loaded)) return;
+    for (const auto& [set, program] : KprobePrograms()) {
+      kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
+      EXPECT_EQ("kprobe", pinned.flavour) << program;
+      if (!kavo::test::KprobesAvailable()) {
+        EXPECT_FALSE(kavo::test::PinnedProbeAttaches(pinned)) << program;
+      }
+    }
+    ExpectWhatWasPinnedAttaches(loaded);
+  });
+}
+
+// The service as the platform starts it attaches all twelve programs, where
+// the kernel takes kprobes or, in their place, the trampoline twins.
+TEST(Attach, TheServiceAttachesAllTwelvePrograms) {
+  kavo::test::RunInNamespace([] {
+    std::string loaded;
+    if (!LoadKernelSide({}, &loaded)) return;
+    std::string refused;
+    for (const auto& [set, program] : KprobePrograms()) {
+      kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
+      if (kavo::test::PinnedProbeAttaches(pinned)) continue;
+      refused += program + " (" +
+                 (pinned.noTrampoline.empty() ? "no kprobe on " + pinned.function
+                                              : "no kprobes, and " + pinned.noTrampoline) +
+                 ") ";
+    }
+    if (!refused.empty()) {
+      KAVO_KERNEL_SKIP("the kernel takes neither a kprobe nor a trampoline for: " + refused);
+    }
+
     kavo::test::LogCapture log;
-    bool fdInstall = kavo::test::KprobeableFunction("fd_install");
-    int missingDmaBuf = 0;
-    for (const char* probe : kDmaBufProbes)
-      missingDmaBuf += kavo::test::KprobeableFunction(probe) ? 0 : 1;
-    EXPECT_EQ(fdInstall ? 0 : 1, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
-                                                         KavoBpfService::PROG_EVENT_MAP));
-    EXPECT_EQ(missingDmaBuf, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
-                                                     KavoBpfService::PROG_GPL_EVENT_MAP));
-    EXPECT_EQ(0u, log.Count("Skip bpf prog"));
-    EXPECT_EQ(0u, log.Count("Attach tracepoint prog failed"));
-    EXPECT_EQ(
-        fdInstall ? 0u : 1u,
-        log.Count("Attach kprobe prog failed: KavoBpfDefineset, progname: enter_fd_install, msg: ",
-                  ANDROID_LOG_ERROR));
-    EXPECT_EQ(static_cast<size_t>(missingDmaBuf),
-              log.Count("Attach kprobe prog failed: KavoBpfGplDefineset, progname: dma_buf_",
-                        ANDROID_LOG_ERROR));
-    // Each kprobe was opened and tried, whatever the kernel then said.
-    EXPECT_EQ(6u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: ",
+    std::string why;
+    KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
+    ASSERT_NE(nullptr, service) << why;
+    EXPECT_EQ(12u, log.Count("Attach bpf prog start: ", ANDROID_LOG_INFO));
+    for (const char* failure : {"Attach tracepoint prog failed", "Attach kprobe prog failed",
+                                "Attach kretprobe prog failed", "Attach all kavo bpf error",
+                                "Retrieve"}) {
+      EXPECT_EQ(0u, log.Count(failure)) << failure;
+    }
+    service->stop();
+    EXPECT_EQ(0, service->Wait());
+  });
+}
+
+// What the loader pins in a kprobe's place where the kernel takes trampolines
+// is a tracing program; the service attaches such a program through a BPF
+// link, on either attach path, and keeps it attached. A tracing program on a
+// raw tracepoint stands in for the twin here, since it attaches the same way
+// on any kernel with BTF.
+TEST(Attach, ATracingProgramInAKprobesPlaceIsAttachedThroughALink) {
+  kavo::test::RunInNamespace([] {
+    std::string loaded;
+    if (!LoadKernelSide({}, &loaded)) return;
+    android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
+    const std::string pins = KavoBpfService::BPF_FS_PATH + "/prog_";
+    const std::string counter = KavoBpfService::BPF_FS_PATH + "/map_test_fork_counter";
+    std::string why;
+    if (!kavo::test::PinTracingProgram(pins + "KavoBpfDefineset_kprobe_enter_fd_install", counter,
+                                       getpid(), &why) ||
+        !kavo::test::PinUnattachableTracingProgram(pins + "KavoBpfGplDefineset_kprobe_dma_buf_vmap",
+                                                   &why)) {
+      KAVO_KERNEL_SKIP(why);
+    }
+
+    kavo::test::LogCapture log;
+    EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
+                                         KavoBpfService::PROG_EVENT_MAP));
+    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: "
+                            "enter_fd_install, functionName: fd_install",
                             ANDROID_LOG_INFO));
+    EXPECT_EQ(0u, log.Count("Attach kprobe prog failed"));
+    // Attached, and it stays so: it counts this process's forks.
+    kavo::test::ForkAndReapChildren(3);
+    EXPECT_EQ(3, kavo::test::ReadControlWord(counter));
+
+    // A tracing program no link can take fails like a kprobe, and counts.
+    int otherFailures = 0;
+    for (const char* probe : kDmaBufProbes) {
+      if (strcmp(probe, "dma_buf_vmap") == 0) continue;
+      otherFailures += kavo::test::PinnedProbeAttaches(
+                           kavo::test::PinnedProbeOf(loaded, "KavoBpfGplDefineset", probe))
+                           ? 0
+                           : 1;
+    }
+    EXPECT_EQ(1 + otherFailures, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
+                                                         KavoBpfService::PROG_GPL_EVENT_MAP));
+    EXPECT_EQ(1u, log.Count("Attach kprobe prog failed: KavoBpfGplDefineset, progname: "
+                            "dma_buf_vmap, msg: ",
+                            ANDROID_LOG_ERROR));
+
+    // The directory walk takes the same road: a second link, so each fork
+    // now counts twice.
+    log.Clear();
+    AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR);
+    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: "
+                            "enter_fd_install, eventName: fd_install"));
+    EXPECT_EQ(0u, log.Count("Attach kprobe prog failed: KavoBpfDefineset, type: enter_fd_install"));
+    kavo::test::ForkAndReapChildren(2);
+    EXPECT_EQ(3 + 2 * 2, kavo::test::ReadControlWord(counter));
   });
 }
 

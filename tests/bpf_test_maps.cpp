@@ -1,6 +1,7 @@
 #include "bpf_test_maps.h"
 
 #include <bpf/bpf.h>
+#include <bpf/btf.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -136,6 +137,81 @@ bool PinForeignProgram(const std::string& path, std::string* why) {
     return false;
   }
   return true;
+}
+
+namespace {
+
+// The id of |name| (of |kind|) in the kernel's BTF; 0 with *why when absent.
+__u32 KernelBtfId(const char* name, __u32 kind, std::string* why) {
+  struct btf* btf = btf__load_vmlinux_btf();
+  if (btf == nullptr) {
+    *why = std::string("reading the kernel's BTF: ") + strerror(errno);
+    return 0;
+  }
+  int id = btf__find_by_name_kind(btf, name, kind);
+  btf__free(btf);
+  if (id <= 0) *why = std::string(name) + " is not in the kernel's BTF";
+  return id > 0 ? static_cast<__u32>(id) : 0;
+}
+
+bool LoadTracingAndPin(const std::vector<struct bpf_insn>& prog, enum bpf_attach_type type,
+                       __u32 btfId, const std::string& path, std::string* why) {
+  struct bpf_prog_load_opts opts = {};
+  opts.sz = sizeof(opts);
+  opts.expected_attach_type = type;
+  opts.attach_btf_id = btfId;
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_TRACING, "kavo_tracing", "GPL",
+                                            prog.data(), prog.size(), &opts));
+  if (fd.get() < 0) {
+    *why = std::string("loading a tracing program: ") + strerror(errno);
+    return false;
+  }
+  unlink(path.c_str());
+  if (bpf_obj_pin(fd.get(), path.c_str()) != 0) {
+    *why = "bpf_obj_pin " + path + ": " + strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool PinTracingProgram(const std::string& path, const std::string& counterPath, pid_t forker,
+                       std::string* why) {
+  __u32 btfId = KernelBtfId("btf_trace_sched_process_fork", BTF_KIND_TYPEDEF, why);
+  if (btfId == 0) return false;
+  unlink(counterPath.c_str());
+  if (!CreateAndPin(BPF_MAP_TYPE_ARRAY, "kavo_counter", 4, 8, 1, counterPath, why)) return false;
+  android::base::unique_fd counter(bpf_obj_get(counterPath.c_str()));
+  // The tracepoint runs in the forking process. If it is |forker|:
+  // key = 0; value = lookup(counter, &key); if (value) atomically *value += 1.
+  std::vector<struct bpf_insn> prog = {
+      Insn(BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_get_current_pid_tgid),
+      Insn(BPF_ALU64 | BPF_RSH | BPF_K, BPF_REG_0, 0, 0, 32),
+      Insn(BPF_JMP | BPF_JNE | BPF_K, BPF_REG_0, 0, 9, static_cast<int32_t>(forker)),
+      Insn(BPF_ST | BPF_MEM | BPF_W, BPF_REG_10, 0, -4, 0),
+      Insn(BPF_LD | BPF_DW | BPF_IMM, BPF_REG_1, BPF_PSEUDO_MAP_FD, 0, counter.get()),
+      Insn(0, 0, 0, 0, 0),
+      Insn(BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_2, BPF_REG_10, 0, 0),
+      Insn(BPF_ALU64 | BPF_ADD | BPF_K, BPF_REG_2, 0, 0, -4),
+      Insn(BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_map_lookup_elem),
+      Insn(BPF_JMP | BPF_JEQ | BPF_K, BPF_REG_0, 0, 2, 0),
+      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_1, 0, 0, 1),
+      Insn(BPF_STX | BPF_ATOMIC | BPF_DW, BPF_REG_0, BPF_REG_1, 0, BPF_ADD),
+      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
+      Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
+  };
+  return LoadTracingAndPin(prog, BPF_TRACE_RAW_TP, btfId, path, why);
+}
+
+bool PinUnattachableTracingProgram(const std::string& path, std::string* why) {
+  __u32 btfId = KernelBtfId("bpf_iter_task", BTF_KIND_FUNC, why);
+  if (btfId == 0) return false;
+  std::vector<struct bpf_insn> prog = {
+      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
+      Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
+  };
+  return LoadTracingAndPin(prog, BPF_TRACE_ITER, btfId, path, why);
 }
 
 std::string ThreadNames() {

@@ -51,7 +51,8 @@ TEST(KernelRefusal, TheServiceRunsWithWhatTheKernelAttaches) {
   kavo::test::RunInNamespace([] {
     std::string why;
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
-    ASSERT_TRUE(kavo::test::LoadKernelSide(&why)) << why;
+    std::string loaded;
+    ASSERT_TRUE(kavo::test::LoadKernelSide(&why, {}, &loaded)) << why;
     // The context-switch program's pin now holds a socket filter, which the
     // kernel will not attach to a tracepoint.
     const std::string switchPin =
@@ -65,8 +66,11 @@ TEST(KernelRefusal, TheServiceRunsWithWhatTheKernelAttaches) {
     EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ",
                             ANDROID_LOG_ERROR));
     // The refused program is one failure; fd_install is another where the
-    // kernel offers no kprobes.
-    int failures = 1 + (kavo::test::KprobeableFunction("fd_install") ? 0 : 1);
+    // kernel takes neither its kprobe nor the trampoline twin.
+    int failures = 1 + (kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(
+                            loaded, "KavoBpfDefineset", "enter_fd_install"))
+                            ? 0
+                            : 1);
     EXPECT_TRUE(log.Contains("[KavoBpfService][eventProduceThread] Attach all kavo bpf error: " +
                              std::to_string(failures)));
 

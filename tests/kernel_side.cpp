@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "bpf_test_maps.h"
+#include "kavobpf_probe_flavour.h"
 #include "ns_harness.h"
 #include "service/kavo_bpf_service.h"
 #include "test_process.h"
@@ -31,13 +32,40 @@ bool BpfAvailable(std::string* why) {
   return true;
 }
 
-bool LoadKernelSide(std::string* why, const std::vector<std::string>& args) {
+bool LoadKernelSide(std::string* why, const std::vector<std::string>& args, std::string* output) {
   std::vector<std::string> argv = {ToolPath("kavobpf_loader")};
   argv.insert(argv.end(), args.begin(), args.end());
   CommandResult result = RunCommand(argv);
+  if (output != nullptr) *output = result.output;
   if (result.exitCode == 0) return true;
   *why = "kavobpf_loader exited " + std::to_string(result.exitCode) + ": " + result.output;
   return false;
+}
+
+PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
+                          const std::string& program) {
+  PinnedProbe pinned;
+  const std::string prefix = "kavobpf_loader: " + set + " " + program + ": ";
+  size_t at = loaderOutput.find(prefix);
+  if (at == std::string::npos) return pinned;
+  std::string line = loaderOutput.substr(at + prefix.size());
+  line = line.substr(0, line.find('\n'));
+  const std::string because = " (no trampoline: ";
+  size_t note = line.find(because);
+  if (note != std::string::npos) {
+    pinned.noTrampoline = line.substr(note + because.size());
+    if (!pinned.noTrampoline.empty()) pinned.noTrampoline.pop_back();  // the ')'
+    line = line.substr(0, note);
+  }
+  size_t blank = line.find(' ');
+  pinned.flavour = line.substr(0, blank);
+  if (blank != std::string::npos) pinned.function = line.substr(blank + 1);
+  return pinned;
+}
+
+bool PinnedProbeAttaches(const PinnedProbe& pinned) {
+  if (pinned.flavour == "fentry" || pinned.flavour == "fexit") return true;
+  return KprobeableFunction(pinned.function);
 }
 
 std::vector<std::string> LoaderPins() {
@@ -107,11 +135,7 @@ std::string RunningKernelVersion() {
   return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
-bool KprobesAvailable() {
-  return PathExists("/sys/bus/event_source/devices/kprobe") ||
-         PathExists("/sys/kernel/tracing/kprobe_events") ||
-         PathExists("/sys/kernel/debug/tracing/kprobe_events");
-}
+bool KprobesAvailable() { return kavo::loader::KprobesAttachable(); }
 
 bool KprobeableFunction(const std::string& function) {
   if (!KprobesAvailable()) return false;

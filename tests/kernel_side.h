@@ -29,8 +29,26 @@ namespace kavo::test {
 // Whether the kernel lets this process create a BPF ring buffer.
 bool BpfAvailable(std::string* why);
 
-// Runs kavobpf_loader with |args|; false with its output in *why.
-bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {});
+// Runs kavobpf_loader with |args|; false with its output in *why. Its output
+// goes to *output too, when given.
+bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {},
+                    std::string* output = nullptr);
+
+// What kavobpf_loader says it pinned in the place of the kprobe program
+// |program| of |set|: the flavour ("kprobe", "kretprobe", "fentry" or
+// "fexit") and the function, from its line "<set> <program>: <flavour>
+// <function>[ (no trampoline: <why>)]". Empty fields when there is no line.
+struct PinnedProbe {
+  std::string flavour;
+  std::string function;
+  std::string noTrampoline;  // the loader's reason, when it gave one
+};
+PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
+                          const std::string& program);
+// Whether what the loader pinned attaches on this kernel: a trampoline twin
+// does (the loader pins one only where the kernel loaded it), a kprobe where
+// the kernel attaches kprobes to its function.
+bool PinnedProbeAttaches(const PinnedProbe& pinned);
 
 // Every path kavobpf_loader pins that the service and its seeding open:
 // each catalogue program, both rings with their status maps, the fd map and
@@ -49,7 +67,8 @@ Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
 
 // "major.minor" of the running kernel, as ro.kernel.version would hold it.
 std::string RunningKernelVersion();
-// Whether kprobes can be attached at all, and to |function| in particular.
+// Whether kprobes can be attached at all (the loader's own test), and to
+// |function| in particular.
 bool KprobesAvailable();
 bool KprobeableFunction(const std::string& function);
 

@@ -1,12 +1,15 @@
 // Seeding the pinned descriptor and dma-buf maps from /proc: over made-up
 // process trees with known answers, over the live /proc through kavobpfd, and
-// with the maps missing.
+// with the maps missing; and the descriptor map kept by the program on
+// fd_install alone, with no seeding at all.
 
 #include <android/log.h>
 #include <bpf/bpf.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <android-base/unique_fd.h>
@@ -17,14 +20,18 @@
 
 #include <gtest/gtest.h>
 
+#include "bpf/kavo_bpf_records.h"
 #include "bpf_test_maps.h"
+#include "event_sink.h"
 #include "fake_proc.h"
+#include "kernel_side.h"
 #include "log_capture.h"
 #include "ns_harness.h"
 #include "raw_client.h"
 #include "service/kavo_bpf_service.h"
 #include "test_process.h"
 #include "utils/kavo_bpf_file.h"
+#include "wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
@@ -210,6 +217,169 @@ TEST(MapSeeding, LiveProcThroughKavobpfd) {
     EXPECT_TRUE(daemon.Signal(SIGTERM));
     int status;
     EXPECT_TRUE(daemon.WaitExit(2s, &status));
+  });
+}
+
+// A child of the test that opens and closes descriptors when told to and
+// does nothing else, so every fd_install of its process is one the test
+// asked for. It only makes async-signal-safe calls: the test process has the
+// service's threads.
+class DescriptorHolder {
+ public:
+  DescriptorHolder() {
+    int commands[2], acks[2];
+    if (pipe(commands) != 0 || pipe(acks) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(commands[1]);
+      close(acks[0]);
+      static int held[1024];
+      int count = 0;
+      int change;
+      while (read(commands[0], &change, sizeof(change)) == sizeof(change) && change != 0) {
+        for (; change > 0 && count < 1024; --change) held[count++] = open("/dev/null", O_RDONLY);
+        for (; change < 0 && count > 0; ++change) close(held[--count]);
+        if (write(acks[1], "k", 1) != 1) break;
+      }
+      _exit(0);
+    }
+    close(commands[0]);
+    close(acks[1]);
+    commands_.reset(commands[1]);
+    acks_.reset(acks[0]);
+  }
+  ~DescriptorHolder() {
+    if (pid_ <= 0) return;
+    int end = 0;
+    (void)!write(commands_.get(), &end, sizeof(end));
+    int status;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  DescriptorHolder(const DescriptorHolder&) = delete;
+  DescriptorHolder& operator=(const DescriptorHolder&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // Opens (|change| > 0) or closes (< 0) that many descriptors; true once done.
+  bool Change(int change) {
+    char ack;
+    return pid_ > 0 && write(commands_.get(), &change, sizeof(change)) == sizeof(change) &&
+           read(acks_.get(), &ack, 1) == 1;
+  }
+  // Its open descriptors, as /proc lists them.
+  uint64_t OpenCount() const {
+    uint64_t open = 0;
+    ForEachDirEntry(("/proc/" + std::to_string(pid_) + "/fd").c_str(), [&open](const char* fd) {
+      if (fd[0] != '.') ++open;
+      return LineAction::kContinue;
+    });
+    return open;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  android::base::unique_fd commands_;
+  android::base::unique_fd acks_;
+};
+
+// Nothing seeds the map here: the program on fd_install makes the process's
+// entry at its first new descriptor, counts each one after, and recounts and
+// reports once the count moved a report step. Closing is not seen until the
+// next recount, which the next report step of new descriptors brings.
+TEST(MapSeeding, TheFdMapFollowsAProcessWithoutSeeding) {
+  kavo::test::RunInNamespace([] {
+    std::string why, loaded;
+    if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
+    ASSERT_TRUE(kavo::test::LoadKernelSide(&why, {}, &loaded)) << why;
+    kavo::test::PinnedProbe fdProgram =
+        kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install");
+    if (!kavo::test::PinnedProbeAttaches(fdProgram)) {
+      KAVO_KERNEL_SKIP("no program on fd_install attaches: the kernel has no kprobes, and " +
+                       fdProgram.noTrampoline);
+    }
+    KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
+    ASSERT_NE(nullptr, service) << why;
+    kavo::test::EventSink sink({KAVO_EVENT_FD_UPDATE});
+    android::base::unique_fd fdMap(bpf_obj_get(kFdMap));
+    ASSERT_GE(fdMap.get(), 0);
+
+    DescriptorHolder holder;
+    ASSERT_GT(holder.pid(), 0);
+    const int32_t pid = holder.pid();
+    const std::string comm = std::string(program_invocation_short_name).substr(0, KAVO_COMM_LEN - 1);
+    auto entry = [&] {
+      kavo_fd_info info = {};
+      EXPECT_EQ(0, bpf_map_lookup_elem(fdMap.get(), &pid, &info)) << "no entry for " << pid;
+      return info;
+    };
+    std::vector<kavo_fd_update_event> records;  // the holder's, oldest first
+    auto collected = [&] {
+      for (const std::string& record : sink.Drain()) {
+        auto update = kavo::test::RecordAs<kavo_fd_update_event>(record);
+        if (update.pid == pid) records.push_back(update);
+      }
+      return records.size();
+    };
+    constexpr uint64_t kStep = KAVO_FD_REPORT_STEP;
+
+    // Nothing seeded it. Its first new descriptor: an entry with the exact
+    // count, no record.
+    kavo_fd_info none;
+    EXPECT_NE(0, bpf_map_lookup_elem(fdMap.get(), &pid, &none));
+    ASSERT_TRUE(holder.Change(1));
+    const uint64_t first = holder.OpenCount();
+    kavo_fd_info info = entry();
+    EXPECT_EQ(pid, info.pid);
+    EXPECT_EQ(first, info.fd_count);
+    EXPECT_EQ(first, info.reported_fd_count);
+    EXPECT_EQ(comm, info.comm);
+
+    // One short of the step: counted one by one, not reported.
+    ASSERT_TRUE(holder.Change(kStep - 1));
+    info = entry();
+    EXPECT_EQ(first + kStep - 1, info.fd_count);
+    EXPECT_EQ(holder.OpenCount(), info.fd_count);
+    EXPECT_EQ(first, info.reported_fd_count);
+    // At the step: recounted and reported; one past it: not again.
+    ASSERT_TRUE(holder.Change(1));
+    ASSERT_TRUE(kavo::test::WaitUntil([&] { return collected() >= 1; }));
+    ASSERT_TRUE(holder.Change(1));
+    info = entry();
+    EXPECT_EQ(first + kStep + 1, info.fd_count);
+    EXPECT_EQ(first + kStep, info.reported_fd_count);
+
+    // 300 opened in all: a report at every further step, the map exact.
+    ASSERT_TRUE(holder.Change(300 - 1 - static_cast<int>(kStep) - 1));
+    info = entry();
+    EXPECT_EQ(first + 299, info.fd_count);
+    EXPECT_EQ(holder.OpenCount(), info.fd_count);
+    EXPECT_EQ(first + 4 * kStep, info.reported_fd_count);
+    ASSERT_TRUE(kavo::test::WaitUntil([&] { return collected() >= 4; }));
+
+    // All 300 closed: unseen for now.
+    ASSERT_TRUE(holder.Change(-300));
+    EXPECT_EQ(first + 299, entry().fd_count);
+    // 100 opened: the 21st brings the count a step from the last report, the
+    // recount finds the drop, and the map follows from there.
+    ASSERT_TRUE(holder.Change(100));
+    info = entry();
+    EXPECT_EQ(first + 99, info.fd_count);
+    EXPECT_EQ(holder.OpenCount(), info.fd_count);
+    ASSERT_TRUE(kavo::test::WaitUntil([&] { return collected() >= 6; }));
+
+    const std::vector<std::pair<uint64_t, uint64_t>> expected = {
+        {first + kStep, first},          {first + 2 * kStep, first + kStep},
+        {first + 3 * kStep, first + 2 * kStep}, {first + 4 * kStep, first + 3 * kStep},
+        {first + 20, first + 4 * kStep}, {first + 20 + kStep, first + 20}};
+    ASSERT_EQ(expected.size(), records.size());
+    for (size_t i = 0; i < records.size(); ++i) {
+      EXPECT_EQ(static_cast<uint32_t>(KAVO_EVENT_FD_UPDATE), records[i].header.type) << i;
+      EXPECT_EQ(expected[i].first, records[i].fd_count) << i;
+      EXPECT_EQ(expected[i].second, records[i].reported_fd_count) << i;
+      EXPECT_EQ(comm, records[i].comm) << i;
+    }
+    service->stop();
+    EXPECT_EQ(0, service->Wait());
   });
 }
 

@@ -11,6 +11,10 @@
  *
  * Core producers write only while bit 1 of the control word is set, normal
  * producers only while bit 2 is (see kavo_bpf_ring.bpf.h).
+ *
+ * enter_fd_install comes in two flavours with one body: the kprobe, and a
+ * trampoline twin (fentry) for kernels without kprobes. The loader loads and
+ * pins one of them under the kprobe's name (tools/kavobpf_loader.cpp).
  */
 #include "bpf/kavo_bpf_ring.bpf.h"
 
@@ -20,8 +24,6 @@ char LICENSE[] SEC("license") = "Dual BSD/GPL";
 #define KAVO_MAX_PROCESSES 32768
 /* Threads looked at, from the newest, to tell a new thread from a process. */
 #define KAVO_THREAD_WALK_MAX 32
-/* A process's descriptor count is reported when it moved this far. */
-#define KAVO_FD_REPORT_STEP 64
 /* Words of the open-descriptor bitmap counted at most (64 descriptors each). */
 #define KAVO_FD_SCAN_WORDS 256
 
@@ -189,11 +191,7 @@ static __always_inline __u64 kavo_count_open_fds(void) {
  * per KAVO_FD_REPORT_STEP installs. Threads of one process update the entry
  * without a lock; a lost increment is corrected by the next exact count.
  */
-SEC("kprobe/fd_install")
-int BPF_KPROBE(enter_fd_install, unsigned int fd, struct file *file) {
-  (void)ctx;
-  (void)fd;
-  (void)file;
+static __always_inline int kavo_fd_installed(void) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __s32 tgid = kavo_current_tgid();
   struct kavo_fd_info *info = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
@@ -224,4 +222,19 @@ int BPF_KPROBE(enter_fd_install, unsigned int fd, struct file *file) {
   bpf_get_current_comm(record->comm, sizeof(record->comm));
   bpf_ringbuf_submit(record, 0);
   return 0;
+}
+
+SEC("kprobe/fd_install")
+int BPF_KPROBE(enter_fd_install) {
+  (void)ctx;
+  return kavo_fd_installed();
+}
+
+/* The same on a BPF trampoline: the loader pins it in the kprobe's place
+ * where the kernel cannot attach kprobes but loads a trampoline on
+ * fd_install. */
+SEC("fentry/fd_install")
+int BPF_PROG(enter_fd_install__fentry) {
+  (void)ctx;
+  return kavo_fd_installed();
 }

@@ -21,6 +21,13 @@
  *
  * Threads of a process update the totals with atomic adds; entries are
  * created without a lock, so two first uses racing may both count.
+ *
+ * Each dma-buf program comes in two flavours sharing one body: the kprobe,
+ * and a trampoline twin (fentry) named <program>__fentry for kernels without
+ * kprobes. The loader loads and pins one of them under the kprobe's name
+ * (tools/kavobpf_loader.cpp). dma_buf_stats_setup has a second twin,
+ * dma_buf_stats_setup__export, for kernels built without dma-buf sysfs
+ * statistics, where that function does not exist (see there).
  */
 /* This ring carries only the rare dma-buf, cgroup and exit-cleanup records:
  * 128 KiB holds over a thousand of them between two polls. */
@@ -194,12 +201,10 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate *ctx) {
   return 0;
 }
 
-/* ---- dma-buf kprobes ------------------------------------------------------- */
+/* ---- dma-buf programs ------------------------------------------------------ */
 
 /* A buffer was exported by the current process: it is charged with it. */
-SEC("kprobe/dma_buf_stats_setup")
-int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *file) {
-  (void)ctx;
+static __always_inline int kavo_dmabuf_exported(struct dma_buf *dmabuf, struct file *file) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __s32 tgid = kavo_current_tgid();
   __u64 inode = kavo_file_inode(file);
@@ -224,9 +229,7 @@ int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *file) {
 }
 
 /* A device is attached to the buffer on behalf of the current process. */
-SEC("kprobe/dma_buf_dynamic_attach")
-int BPF_KPROBE(dma_buf_dynamic_attach, struct dma_buf *dmabuf) {
-  (void)ctx;
+static __always_inline int kavo_dmabuf_attached(struct dma_buf *dmabuf) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __s32 tgid = kavo_current_tgid();
   __u64 inode = kavo_file_inode(BPF_CORE_READ(dmabuf, file));
@@ -238,9 +241,7 @@ int BPF_KPROBE(dma_buf_dynamic_attach, struct dma_buf *dmabuf) {
 }
 
 /* The kernel maps the buffer; nothing is charged, the use is reported. */
-SEC("kprobe/dma_buf_vmap")
-int BPF_KPROBE(dma_buf_vmap, struct dma_buf *dmabuf) {
-  (void)ctx;
+static __always_inline int kavo_dmabuf_vmapped(struct dma_buf *dmabuf) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __s32 tgid = kavo_current_tgid();
   __u64 inode = kavo_file_inode(BPF_CORE_READ(dmabuf, file));
@@ -252,9 +253,7 @@ int BPF_KPROBE(dma_buf_vmap, struct dma_buf *dmabuf) {
 }
 
 /* The current process maps the buffer into its address space. */
-SEC("kprobe/dma_buf_mmap_internal")
-int BPF_KPROBE(dma_buf_mmap_internal, struct file *file, struct vm_area_struct *vma) {
-  (void)ctx;
+static __always_inline int kavo_dmabuf_mmapped(struct file *file, struct vm_area_struct *vma) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __s32 tgid = kavo_current_tgid();
   __u64 inode = kavo_file_inode(file);
@@ -277,9 +276,7 @@ int BPF_KPROBE(dma_buf_mmap_internal, struct file *file, struct vm_area_struct *
 }
 
 /* The buffer's last reference is gone: it leaves every map and every total. */
-SEC("kprobe/dma_buf_file_release")
-int BPF_KPROBE(dma_buf_file_release, struct inode *inode) {
-  (void)ctx;
+static __always_inline int kavo_dmabuf_released(struct inode *inode) {
   if (!kavo_producer_enabled(KAVO_RING_NORMAL_ENABLED_BIT)) return 0;
   __u64 ino = BPF_CORE_READ(inode, i_ino);
   struct kavo_dmabuf_buffer *buffer = bpf_map_lookup_elem(&dmabuf_allocate_map, &ino);
@@ -294,4 +291,89 @@ int BPF_KPROBE(dma_buf_file_release, struct inode *inode) {
   kavo_emit_update(owner, KAVO_DMABUF_RELEASE, ino, size,
                    kavo_total_of(&dmabuf_perprocess_size_map, owner));
   return 0;
+}
+
+/* ---- The kprobes ------------------------------------------------------------ */
+
+SEC("kprobe/dma_buf_stats_setup")
+int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *file) {
+  (void)ctx;
+  return kavo_dmabuf_exported(dmabuf, file);
+}
+
+SEC("kprobe/dma_buf_dynamic_attach")
+int BPF_KPROBE(dma_buf_dynamic_attach, struct dma_buf *dmabuf) {
+  (void)ctx;
+  return kavo_dmabuf_attached(dmabuf);
+}
+
+SEC("kprobe/dma_buf_vmap")
+int BPF_KPROBE(dma_buf_vmap, struct dma_buf *dmabuf) {
+  (void)ctx;
+  return kavo_dmabuf_vmapped(dmabuf);
+}
+
+SEC("kprobe/dma_buf_mmap_internal")
+int BPF_KPROBE(dma_buf_mmap_internal, struct file *file, struct vm_area_struct *vma) {
+  (void)ctx;
+  return kavo_dmabuf_mmapped(file, vma);
+}
+
+SEC("kprobe/dma_buf_file_release")
+int BPF_KPROBE(dma_buf_file_release, struct inode *inode) {
+  (void)ctx;
+  return kavo_dmabuf_released(inode);
+}
+
+/* ---- Their trampoline twins --------------------------------------------------- */
+
+SEC("fentry/dma_buf_stats_setup")
+int BPF_PROG(dma_buf_stats_setup__fentry, struct dma_buf *dmabuf, struct file *file) {
+  (void)ctx;
+  return kavo_dmabuf_exported(dmabuf, file);
+}
+
+/*
+ * Kernels built without CONFIG_DMABUF_SYSFS_STATS have no
+ * dma_buf_stats_setup(): dma_buf_export() calls an inline stub that returns
+ * 0. Where the function exists it is the last step of the export that can
+ * fail; once it has passed, the export only links the file to the buffer and
+ * returns it. So dma_buf_export() returning a buffer is the moment such a
+ * kernel would have called dma_buf_stats_setup(dmabuf, dmabuf->file), on the
+ * same exporting task, and the buffer's size and file are the same. Exports
+ * that fail are left out; a kprobe would have counted one that failed in the
+ * statistics setup itself, until the buffer's release took it out again.
+ */
+SEC("fexit/dma_buf_export")
+int BPF_PROG(dma_buf_stats_setup__export, const struct dma_buf_export_info *info,
+             struct dma_buf *dmabuf) {
+  (void)ctx;
+  (void)info;
+  /* An error pointer: the last page of the address space. */
+  if ((unsigned long)dmabuf >= (unsigned long)-4095) return 0;
+  return kavo_dmabuf_exported(dmabuf, BPF_CORE_READ(dmabuf, file));
+}
+
+SEC("fentry/dma_buf_dynamic_attach")
+int BPF_PROG(dma_buf_dynamic_attach__fentry, struct dma_buf *dmabuf) {
+  (void)ctx;
+  return kavo_dmabuf_attached(dmabuf);
+}
+
+SEC("fentry/dma_buf_vmap")
+int BPF_PROG(dma_buf_vmap__fentry, struct dma_buf *dmabuf) {
+  (void)ctx;
+  return kavo_dmabuf_vmapped(dmabuf);
+}
+
+SEC("fentry/dma_buf_mmap_internal")
+int BPF_PROG(dma_buf_mmap_internal__fentry, struct file *file, struct vm_area_struct *vma) {
+  (void)ctx;
+  return kavo_dmabuf_mmapped(file, vma);
+}
+
+SEC("fentry/dma_buf_file_release")
+int BPF_PROG(dma_buf_file_release__fentry, struct inode *inode) {
+  (void)ctx;
+  return kavo_dmabuf_released(inode);
 }

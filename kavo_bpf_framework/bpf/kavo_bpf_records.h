@@ -231,7 +231,11 @@ enum kavo_ring_status_key {
 #define KAVO_RING_STATS_LOST_BASE 8
 #define KAVO_RING_STATS_KEYS 16
 
-/* open_fd_caller_map: key s32 pid. */
+/* open_fd_caller_map: key s32 pid. The program on fd_install counts each
+ * install and, once the count moved KAVO_FD_REPORT_STEP from the last report,
+ * recounts the descriptor table and writes a type-6 record if the exact count
+ * is still that far from it. */
+#define KAVO_FD_REPORT_STEP 64
 struct kavo_fd_info {
   __s32 pid;
   __u32 reserved;

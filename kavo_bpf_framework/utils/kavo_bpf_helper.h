@@ -95,6 +95,11 @@ KAVO_EXPORT int AttachTracepointProgram(const std::string& dir, const std::strin
 KAVO_EXPORT int AttachTracepointProgram(const std::string& dir, const std::string& set,
                                         const std::string& progName);
 
+// A program pinned as a kprobe or kretprobe is attached by its own type: a
+// kprobe program through bcc (event <progName>_kavobpf), a trampoline twin
+// that the loader pinned in its place (fentry or fexit) through a BPF link.
+// The result is the descriptor that keeps it attached, or -1 (errno set;
+// EEXIST when the twin is attached already).
 KAVO_EXPORT int AttachKProbeProgram(const std::string& dir, const std::string& set,
                                     const std::string& progName, const std::string& functionName,
                                     bool entry);

@@ -1,7 +1,10 @@
 // Finding pinned programs, testing their kernel-version condition, and
 // attaching them through bcc: tracepoints with bpf_attach_tracepoint, kprobes
-// and kretprobes with bpf_attach_kprobe. The descriptors the attach calls
-// return are deliberately never closed: closing one detaches its program.
+// and kretprobes with bpf_attach_kprobe. What is pinned under a kprobe's name
+// may instead be its trampoline twin (fentry or fexit), which the loader
+// chooses on kernels that cannot attach kprobes; that one is attached through
+// a BPF link. The descriptors the attach calls return are deliberately never
+// closed: closing one detaches its program.
 
 #include <android-base/properties.h>
 #include <android/log.h>
@@ -32,6 +35,27 @@ std::string AfterFirstUnderscore(const std::string& name) {
 
 bool StartsWith(const std::string& s, const char* prefix) {
   return s.compare(0, strlen(prefix), prefix) == 0;
+}
+
+// Attaches the program |fd| pinned for a kprobe or kretprobe by its own type,
+// for every attach path alike: a kprobe program through bcc, as event
+// |eventName| on |functionName|; a trampoline program (BPF_PROG_TYPE_TRACING)
+// through a BPF link, since its function was fixed when it was loaded. The
+// result keeps the program attached while it is open; -1 with errno set.
+int AttachToKernelFunction(int fd, bool entry, const std::string& eventName,
+                           const std::string& functionName) {
+  struct bpf_prog_info info = {};
+  __u32 length = sizeof(info);
+  if (bpf_obj_get_info_by_fd(fd, &info, &length) == 0 && info.type == BPF_PROG_TYPE_TRACING) {
+    int link = bpf_raw_tracepoint_open(nullptr, fd);
+    if (link >= 0) return link;
+    // libbpf returns -errno. A trampoline refuses a second link of the same
+    // program with EBUSY: already attached, which a kprobe says as EEXIST.
+    errno = link == -EBUSY ? EEXIST : -link;
+    return -1;
+  }
+  return bpf_attach_kprobe(fd, entry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
+                           functionName.c_str(), 0, 0);
 }
 
 }  // namespace
@@ -140,9 +164,7 @@ int AttachKProbeProgram(const std::string& dir, const std::string& set,
                       entry ? "[AttachKProbeProgram] Attach kprobe prog: enter: progName: %s, functionName: %s"
                             : "[AttachKProbeProgram] Attach kretprobe prog: return: progName: %s, functionName: %s",
                       progName.c_str(), functionName.c_str());
-  std::string eventName = progName + kKprobeEventSuffix;
-  return bpf_attach_kprobe(fd, entry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
-                           functionName.c_str(), 0, 0);
+  return AttachToKernelFunction(fd, entry, progName + kKprobeEventSuffix, functionName);
 }
 
 int AttachKProbeProgram(const std::string& dir, const std::string& set,
@@ -168,9 +190,7 @@ int AttachKProbeProgram(const std::string& dir, const std::string& set,
                       entry ? "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: %s, eventName: %s"
                             : "[AttachKProbeProgram] Attach kprobe prog: return: eventType: %s, eventName: %s",
                       progName.c_str(), functionName.c_str());
-  std::string eventName = progName + kKprobeEventSuffix;
-  return bpf_attach_kprobe(fd, entry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
-                           functionName.c_str(), 0, 0);
+  return AttachToKernelFunction(fd, entry, progName + kKprobeEventSuffix, functionName);
 }
 
 int AttachAllKavoBpfProgram(const std::string& dir, const KavoBpfProgTable& table) {
