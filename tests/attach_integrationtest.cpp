@@ -162,7 +162,7 @@ TEST(Attach, TheServiceAttachesAllTwelvePrograms) {
                  ") ";
     }
     if (!refused.empty()) {
-      KAVO_KERNEL_SKIP("the kernel takes neither a kprobe nor a trampoline for: " + refused);
+      KAVO_KERNEL_FEATURE_SKIP("trampolines", "it takes neither a kprobe nor a trampoline for: " + refused);
     }
 
     kavo::test::LogCapture log;

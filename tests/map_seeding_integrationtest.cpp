@@ -294,8 +294,8 @@ TEST(MapSeeding, TheFdMapFollowsAProcessWithoutSeeding) {
     kavo::test::PinnedProbe fdProgram =
         kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install");
     if (!kavo::test::PinnedProbeAttaches(fdProgram)) {
-      KAVO_KERNEL_SKIP("no program on fd_install attaches: the kernel has no kprobes, and " +
-                       fdProgram.noTrampoline);
+      KAVO_KERNEL_FEATURE_SKIP("trampolines", "no program on fd_install attaches: the kernel has no kprobes, and " +
+                                                  fdProgram.noTrampoline);
     }
     KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
     ASSERT_NE(nullptr, service) << why;

@@ -162,6 +162,12 @@ bool KernelRequired() {
   return value != nullptr && strcmp(value, "1") == 0;
 }
 
+bool KernelKnownToLack(const std::string& feature) {
+  const char* lacks = getenv("KAVO_KERNEL_LACKS");
+  std::string list = "," + std::string(lacks != nullptr ? lacks : "") + ",";
+  return list.find("," + feature + ",") != std::string::npos;
+}
+
 void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& options) {
   int fds[2];
   ASSERT_EQ(0, pipe2(fds, O_CLOEXEC)) << strerror(errno);

@@ -50,6 +50,10 @@ inline NamespaceOptions FakeProc() {
 // True when KAVO_REQUIRE_KERNEL=1: a test that would skip because the kernel
 // refused fails instead.
 bool KernelRequired();
+// True when |feature| is in KAVO_KERNEL_LACKS (a comma-separated list): the
+// machine's kernel is known to refuse the whole feature, so tests that need
+// it skip even where the kernel is required.
+bool KernelKnownToLack(const std::string& feature);
 
 // mkdir -p.
 void MakeDirs(const std::string& path);
@@ -70,4 +74,15 @@ bool PathExists(const std::string& path);
       FAIL() << "kernel refused and KAVO_REQUIRE_KERNEL=1: " << (why);    \
     }                                                                     \
     GTEST_SKIP() << "kernel refused: " << (why);                          \
+  } while (0)
+
+// The same for a test that needs a feature the kernel may refuse as a whole
+// ("trampolines"): with KAVO_REQUIRE_KERNEL=1 it fails, unless the feature
+// is listed in KAVO_KERNEL_LACKS.
+#define KAVO_KERNEL_FEATURE_SKIP(feature, why)                                              \
+  do {                                                                                      \
+    if (::kavo::test::KernelRequired() && !::kavo::test::KernelKnownToLack(feature)) {      \
+      FAIL() << "kernel refused " << (feature) << " and KAVO_REQUIRE_KERNEL=1: " << (why);  \
+    }                                                                                       \
+    GTEST_SKIP() << "kernel refused " << (feature) << ": " << (why);                        \
   } while (0)
