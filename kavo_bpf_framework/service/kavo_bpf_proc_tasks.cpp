@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 #include <string_view>
 #include <vector>
 
@@ -125,7 +126,10 @@ void ForEachProcTask(const std::function<void(const ProcTask&)>& visit) {
 int64_t ClockTicksToNs(long long ticks) {
   long ticksPerSecond = sysconf(_SC_CLK_TCK);
   if (ticks <= 0 || ticksPerSecond <= 0) return 0;
-  return static_cast<int64_t>(ticks) * (1000000000LL / ticksPerSecond);
+  const long long tickNs = 1000000000LL / ticksPerSecond;
+  // A damaged stat file may claim any number; past 292 years it is unknown.
+  if (ticks > std::numeric_limits<int64_t>::max() / tickNs) return 0;
+  return static_cast<int64_t>(ticks) * tickNs;
 }
 
 bool StartedTogether(int64_t startTimeNs, long long startTicks) {

@@ -40,8 +40,8 @@ bool ReadProcTask(const std::string& pidName, ProcTask* task);
 // order. Entries whose name is not all digits are skipped.
 void ForEachProcTask(const std::function<void(const ProcTask&)>& visit);
 
-// Boot time in ns of a start time in clock ticks; 0 for 0 ticks or when the
-// clock-tick rate is not known.
+// Boot time in ns of a start time in clock ticks; 0 (not known) for 0 ticks,
+// a time that does not fit in 64 bits, or an unknown clock-tick rate.
 int64_t ClockTicksToNs(long long ticks);
 
 // Whether a task that started at |startTimeNs| (boot ns, 0 when not known) is

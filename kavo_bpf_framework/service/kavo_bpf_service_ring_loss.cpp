@@ -15,6 +15,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <memory>
 #include <vector>
 
 #include "service/kavo_bpf_ring_loss.h"
