@@ -1,7 +1,8 @@
 // Fuzzes the service's readers of /proc with made-up process trees whose
 // files hold whatever the input says: getProcessInfo (status), GetFdSize and
 // GetFdInode (fdinfo), the initial task scan initTaskInfo (status and stat of
-// every process), the descriptor-map seeding initFdBpfProg (status and the fd
+// every process) and the task-table repairs that read /proc the same way
+// (resyncTaskTable, clearScanZombies), the descriptor-map seeding initFdBpfProg (status and the fd
 // directory) and the dma-buf seeding initDmabufBpfProg (fd links, fdinfo and
 // maps). None of them may crash, read out of bounds or hang on any content.
 //
@@ -165,6 +166,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   service->initTaskInfo();
+  service->resyncTaskTable(0);
+  service->clearScanZombies();
   service->initFdBpfProg();
   service->initDmabufBpfProg();
 

@@ -3,136 +3,35 @@
 // subscribes and prints JSON, and real processes fork, grow threads and touch
 // memory.
 
-#include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <memory>
-#include <regex>
 #include <set>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "daemon_system.h"
 #include "ns_harness.h"
 #include "test_process.h"
-
-extern char** environ;
 
 namespace {
 
 using namespace std::chrono_literals;
-using kavo::test::ChildProcess;
+using kavo::test::Spawn;
 using kavo::test::ToolPath;
-
-// One JSON line of kavobpf_client, with the fields the tests look at.
-struct Event {
-  long long type = -1;
-  std::map<std::string, std::string> fields;
-  long long Num(const std::string& key) const {
-    auto it = fields.find(key);
-    return it == fields.end() ? -1 : std::stoll(it->second);
-  }
-  std::string Str(const std::string& key) const {
-    auto it = fields.find(key);
-    return it == fields.end() ? "" : it->second;
-  }
-};
-
-std::vector<Event> ParseEvents(const std::string& output) {
-  static const std::regex kField("\"([a-z_]+)\":(-?[0-9]+|\"[^\"]*\")");
-  std::vector<Event> events;
-  std::istringstream in(output);
-  for (std::string line; std::getline(in, line);) {
-    if (line.empty() || line[0] != '{') continue;
-    Event event;
-    for (auto it = std::sregex_iterator(line.begin(), line.end(), kField); it != std::sregex_iterator(); ++it) {
-      std::string value = (*it)[2];
-      if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
-      event.fields[(*it)[1]] = value;
-    }
-    event.type = event.Num("type");
-    events.push_back(event);
-  }
-  return events;
-}
-
-pid_t Spawn(const std::vector<std::string>& argv) {
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), environ);
-  return pid;
-}
+using Event = kavo::test::JsonEvent;
+using System = kavo::test::DaemonSystem;
 
 std::string OwnComm() {
   std::string comm = kavo::test::ReadFile("/proc/self/comm");
   if (!comm.empty() && comm.back() == '\n') comm.pop_back();
   return comm;
 }
-
-// Loader, daemon and a subscribed client, in the current namespaces.
-class System {
- public:
-  bool Start(const std::string& events) {
-    auto loader = kavo::test::RunCommand({ToolPath("kavobpf_loader")});
-    if (loader.exitCode != 0) {
-      why_ = "kavobpf_loader: " + loader.output;
-      return false;
-    }
-    daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavobpfd")});
-    client_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        ToolPath("kavobpf_client"), "--events", events + ",sched_task_create", "--json"});
-    if (!client_->WaitForOutput("kavobpf_client: subscribed", 10s)) {
-      why_ = "client never subscribed: " + client_->Output() + daemon_->Output();
-      return false;
-    }
-    // Probe until the monitors deliver: the programs are attached and polled.
-    for (int i = 0; i < 100; ++i) {
-      pid_t probe = Spawn({"/bin/true"});
-      waitpid(probe, nullptr, 0);
-      std::this_thread::sleep_for(100ms);
-      for (const Event& e : ParseEvents(client_->Output())) {
-        if (e.type == 2 && e.Num("pid") == probe) return true;
-      }
-    }
-    why_ = "no kernel event reached the client: " + daemon_->Output();
-    return false;
-  }
-  const std::string& why() const { return why_; }
-  std::vector<Event> Events() const { return ParseEvents(client_->Output()); }
-  // Waits until |done| holds for the events so far.
-  bool WaitEvents(const std::function<bool(const std::vector<Event>&)>& done,
-                  std::chrono::milliseconds timeout = 10s) const {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done(Events())) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(100ms);
-    }
-    return true;
-  }
-  void Stop() {
-    int status;
-    client_->Signal(SIGINT);
-    client_->WaitExit(2s, &status);
-    daemon_->Signal(SIGTERM);
-    EXPECT_TRUE(daemon_->WaitExit(2s, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << daemon_->Output();
-  }
-
- private:
-  std::string why_;
-  std::unique_ptr<ChildProcess> daemon_;
-  std::unique_ptr<ChildProcess> client_;
-};
 
 std::vector<pid_t> SpawnShortProcesses(int n) {
   std::vector<pid_t> pids;

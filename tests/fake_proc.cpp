@@ -29,9 +29,9 @@ void WriteFakeProcess(const FakeProcess& p) {
   if (p.withStat) {
     char stat[1024];
     snprintf(stat, sizeof(stat),
-             "%d (%s) S %d %d %d 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 %d 0 %lld 12345678 300 "
+             "%d (%s) %c %d %d %d 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 %d 0 %lld 12345678 300 "
              "18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
-             p.pid, p.name.c_str(), p.ppid, p.pid, p.pid, p.threads, p.startTicks);
+             p.pid, p.name.c_str(), p.state, p.ppid, p.pid, p.pid, p.threads, p.startTicks);
     WriteFile(Dir(p.pid) + "/stat", stat);
   }
   if (p.withFdDir) MakeDirs(Dir(p.pid) + "/fd");

@@ -26,6 +26,7 @@ struct FakeProcess {
   long long rssShmemKb = 0;
   long long swapKb = 0;
   long long startTicks = 0;
+  char state = 'S';        // 'Z': a zombie
   bool withStat = true;    // false: the process "vanished" before its stat was read
   bool withFdDir = true;   // an empty /proc/<pid>/fd
 };

@@ -53,6 +53,31 @@ TEST(KernelBadInput, ProcLinesThatStopAfterTheirPrefix) {
       kavo::test::FakeProc());
 }
 
+// A stat file whose start time does not fit in 64-bit nanoseconds (found by
+// proc_readers_fuzzer: the conversion overflowed). The start counts as not
+// known: the process is scanned, and a resynchronisation keeps it.
+TEST(KernelBadInput, StartTimesBeyond64BitNanoseconds) {
+  kavo::test::RunInNamespace(
+      [] {
+        KavoBpfService* service = KavoBpfService::GetInstance();
+        WriteFile("/proc/600/status", "Name:\tancient\nPPid:\t1\n");
+        WriteFile("/proc/600/stat",
+                  "600 (ancient) S 1 600 600 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
+                  "18446744073709551 12345678 300\n");
+        service->initTaskInfo();
+        {
+          std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
+          KavoTask* task = KavoTaskManager::GetInstance()->GetKavoTask(600);
+          ASSERT_NE(nullptr, task);
+          EXPECT_EQ(0, task->startTimeNs);
+        }
+        kavo::test::EventSink client({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
+        service->resyncTaskTable(1);
+        EXPECT_TRUE(client.Drain().empty());
+      },
+      kavo::test::FakeProc());
+}
+
 // Record times as far apart as 64 bits allow: the handlers take the
 // difference from a task's first-seen time in two's complement, never as an
 // overflowing signed subtraction (UBSan would stop here). No kernel writes

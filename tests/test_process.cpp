@@ -12,6 +12,7 @@
 
 #include "ns_harness.h"
 #include "utils/kavo_bpf_file.h"
+#include "utils/kavo_bpf_helper.h"
 
 namespace kavo::test {
 
@@ -56,6 +57,24 @@ std::string TempOutputPath() {
 }
 
 }  // namespace
+
+std::set<pid_t> LivePids() {
+  std::set<pid_t> pids;
+  Kavo::Bpf::ForEachDirEntry("/proc", [&pids](const char* name) {
+    if (!Kavo::Bpf::IsDigits(name)) return Kavo::Bpf::LineAction::kContinue;
+    // "<pid> (<name>) <state> ..."
+    bool alive = false;
+    Kavo::Bpf::ForEachLine((std::string("/proc/") + name + "/stat").c_str(), [&alive](std::string_view line) {
+      size_t close = line.rfind(')');
+      alive = close != std::string_view::npos && close + 2 < line.size() && line[close + 2] != 'Z' &&
+              line[close + 2] != 'X';
+      return Kavo::Bpf::LineAction::kStop;
+    });
+    if (alive) pids.insert(atoi(name));
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return pids;
+}
 
 std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }
 

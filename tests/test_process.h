@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ struct CommandResult {
 
 // Entries of /proc/<pid>/fd.
 size_t OpenDescriptors(pid_t pid);
+// Processes alive now: the numeric entries of /proc that are not zombies
+// (a zombie has exited; only its parent has not reaped it yet).
+std::set<pid_t> LivePids();
 
 // Runs |argv| to its end (killed after |timeoutSeconds|), capturing its output.
 CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds = 60);

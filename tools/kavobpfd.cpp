@@ -16,6 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <string>
@@ -221,19 +222,24 @@ int main(int argc, char** argv) {
   }
 
   KavoBpfService* service = KavoBpfService::GetInstance();
-  // Seeding waits for the attachment on a thread of its own, so that this
-  // thread sleeps in sigwait and nothing here wakes up on a timer.
-  std::thread seeder;
-  if (seedFd) {
-    seeder = std::thread([service] {
-      // Returns at the attachment or at a stop; the period only bounds how
-      // long a service that never attaches is waited for between checks.
-      while (!service->waitProgramsAttached(std::chrono::hours(1))) {
-        if (!service->isRunning()) return;
-      }
-      service->initFdBpfProg();
-    });
-  }
+  // Once both producer threads are past their start-up (the programs are
+  // attached), a thread of its own seeds the fd map if asked and then runs
+  // the service's supervision, Wait(), until the stop. Not earlier: Wait()
+  // starts any producer thread whose slot is still empty, and the first
+  // producer thread fills the second slot itself during its start-up. This
+  // thread sleeps meanwhile, so that this one sleeps in sigwait and nothing
+  // here wakes up on a timer.
+  std::atomic<bool> supervising{false};
+  std::thread supervisor([service, seedFd, &supervising] {
+    // Returns at the attachment or at a stop; the period only bounds how
+    // long a service that never attaches is waited for between checks.
+    while (!service->waitProgramsAttached(std::chrono::hours(1))) {
+      if (!service->isRunning()) return;
+    }
+    if (seedFd) service->initFdBpfProg();
+    supervising = true;
+    service->Wait();
+  });
   int sig = 0;
   // The platform's loader reports readiness the same way, once a second.
   while (signalReady) {
@@ -255,7 +261,8 @@ int main(int argc, char** argv) {
     ExitNow(0);
   }).detach();
   service->stop();
-  service->Wait();
-  if (seeder.joinable()) seeder.join();
+  supervisor.join();
+  // The supervision joined the service's threads; without it, join them here.
+  if (!supervising) service->Wait();
   ExitNow(0);
 }

@@ -222,14 +222,19 @@ enum kavo_ring_status_key {
 #define KAVO_RING_NORMAL_ENABLED_BIT 0x4ULL
 
 /* ring_stats: per-CPU u64 counters of what the set's programs wrote, u32 key.
- * The service never reads them; they let a reader tell how many records the
- * kernel produced, and how many it could not place, without consuming any.
+ * They let a reader tell how many records the kernel produced, and how many
+ * it could not place, without consuming any. The service reads the lost keys
+ * only when its objects have no ringbuf_lost, to say how many were lost.
  *
  *   key t       (0..7)   records of type t written into the ring
  *   key 8 + t   (8..15)  records of type t lost: the ring was full
  */
 #define KAVO_RING_STATS_LOST_BASE 8
 #define KAVO_RING_STATS_KEYS 16
+
+/* ringbuf_lost: one u64 (key 0), the records the set's programs could not
+ * reserve since it was loaded; mapped read-only by the service. */
+#define KAVO_RING_LOST_KEY 0
 
 /* open_fd_caller_map: key s32 pid. The program on fd_install counts each
  * install and, once the count moved KAVO_FD_REPORT_STEP from the last report,

@@ -19,6 +19,13 @@
  * never loses a producer bit the service writes at the same time (the service
  * clears bit 0 with a plain read-modify-write and may in turn lose a full bit
  * set in that instant; the next failed reserve sets it again).
+ *
+ * Lost-record counter (`ringbuf_lost`, ARRAY of one u64, BPF_F_MMAPABLE): the
+ * number of records this set could not reserve, ever. The service maps it
+ * read-only and looks at it with one plain load after each poll, which is how
+ * it learns of a loss without a system call on its hot path. Only a failed
+ * reservation touches it, so the atomic add costs nothing while the ring keeps
+ * up.
  */
 #ifndef KAVO_BPF_RING_BPF_H
 #define KAVO_BPF_RING_BPF_H
@@ -50,6 +57,14 @@ struct {
   __type(value, __u64);
 } ringbuf_status SEC(".maps");
 
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(map_flags, BPF_F_MMAPABLE);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} ringbuf_lost SEC(".maps");
+
 /* Records written and lost per type, per CPU (see KAVO_RING_STATS_KEYS):
  * a per-CPU add, so counting costs no atomic and no shared cache line. */
 struct {
@@ -79,9 +94,12 @@ static __always_inline void kavo_store_status(__u32 key, __u64 value) {
   bpf_map_update_elem(&ringbuf_status, &key, &value, BPF_ANY);
 }
 
-/* A record was lost: raise the full bit and leave the ring's state for the
- * service's next status check. */
+/* A record was lost: count it for the service, raise the full bit and leave
+ * the ring's state for the service's next status check. */
 static __always_inline void kavo_mark_ring_full(void) {
+  __u32 zero = 0;
+  __u64 *lost = bpf_map_lookup_elem(&ringbuf_lost, &zero);
+  if (lost != NULL) __sync_fetch_and_add(lost, 1);
   __u64 *word = kavo_control_word();
   if (word != NULL) __sync_fetch_and_or(word, KAVO_RING_FULL_BIT);
   kavo_store_status(KAVO_RING_STATUS_AVAIL_DATA, bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA));

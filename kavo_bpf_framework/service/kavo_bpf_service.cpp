@@ -105,6 +105,7 @@ KavoBpfService::KavoBpfService() {
   };
   EventManager::GetInstance()->setPackageManagers(&packageManagers);
   stopEventFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  supervisionEventFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   // What signals 51 to 54 write, once the monitors install their handlers.
   RegisterTaskDump(kSignalDumpTasks, [] { KavoTaskManager::GetInstance()->DumpKavoTaskInfo(); });
   RegisterTaskDump(kSignalDumpNonKernelTasks,
@@ -210,6 +211,8 @@ int KavoBpfService::Wait() {
       gStopWait.wait_for(lock, kSupervisionPeriod, [this] { return !isRunning(); });
     }
     if (!isRunning()) return joinAll();
+    // Zombies of the initial scan leave once reaped; no record says when.
+    requestZombieCheck();
   }
 }
 

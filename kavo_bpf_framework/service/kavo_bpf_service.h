@@ -11,7 +11,11 @@
 //   kavo_bpf_service_constants.cpp     program catalogue and path constants
 //   kavo_bpf_service_monitor.cpp       ring monitors, dispatch, status check
 //   kavo_bpf_service_proc.cpp          /proc readers
-//   kavo_bpf_service_task_events.cpp   task init/fork/exit handlers, initial scan
+//   kavo_bpf_service_task_events.cpp   task init/fork/exit handlers
+//   kavo_bpf_service_task_scan.cpp     initial scan of /proc
+//   kavo_bpf_service_ring_loss.cpp     learning that ring 0 lost records
+//   kavo_bpf_service_resync.cpp        task-table repair from /proc after a
+//                                      loss, and of zombies left by the scan
 //   kavo_bpf_service_rss_events.cpp    RSS handler
 //   kavo_bpf_service_maps.cpp          fd and dma-buf map seeding
 //   kavo_bpf_service_client.cpp        client callbacks and requests
@@ -20,7 +24,8 @@
 // loop "BpfServiceTr", all on CPUs 0-2. servicelock guards the creation of
 // the instance (published atomically, so that finding it takes no lock), the
 // running flag in start()/stop() and every read-modify-write of a ring's
-// control word.
+// control word. The task table changes only on "BpfServicePoll" (records of
+// ring 0, the initial scan, and the repairs after a loss or at supervision).
 
 #include <android-base/unique_fd.h>
 #include <stdint.h>
@@ -38,11 +43,15 @@
 #include <vector>
 
 #include "bpf/kavo_bpf_records.h"
+#include "service/kavo_bpf_task_manager.h"
 #include "utils/kavo_bpf_export.h"
 #include "utils/kavo_bpf_helper.h"
 #include "utils/kavo_bpf_ipc_helper.h"
 
 namespace Kavo::Bpf {
+
+class RingLossWatch;
+struct ProcTask;
 
 // Starts the service unless "persist.sys.stability.bpfframework.disable" is
 // "1". True when it was started.
@@ -92,6 +101,18 @@ class KAVO_EXPORT KavoBpfService {
   int handleSched_SchedProcessFork(char* data, long long size);
   int handleSched_SchedProcessExit(char* data, long long size);
   void initTaskInfo();
+
+  // ---- Task-table repair ----
+  // Brings the table back to what /proc shows after ring 0 lost records:
+  // gone processes leave (50002), missing ones come in as the initial scan
+  // brings them (a task-init record, then 50001), and a pid whose process
+  // started at another time than its task is both. Logs what it changed.
+  // Runs on the ring-0 monitor thread.
+  void resyncTaskTable(uint64_t lostRecords);
+  // Removes the tasks of processes that were zombies at the initial scan
+  // once they have been reaped (or their pid taken by a new process). The
+  // supervision step asks the ring-0 monitor to run it.
+  void clearScanZombies();
 
   // ---- /proc readers ----
   int getProcessInfo(int pid, UpdateProcessExdata* info);
@@ -144,6 +165,10 @@ class KAVO_EXPORT KavoBpfService {
   // Pinned ring buffer and status map of each ring.
   static const std::string RINGBUF_MAP_PATH[kRingCount];
   static const std::string RINGBUF_STATUS_PATH[kRingCount];
+  // Each set's count of records it could not reserve (mmapable), and its
+  // per-CPU record counters.
+  static const std::string RINGBUF_LOST_PATH[kRingCount];
+  static const std::string RING_STATS_PATH[kRingCount];
   // Names of the raw event types 0..7, as the state record and clients use them.
   static const char* const EVENT_TYPE_NAMES[KAVO_EVENT_RAW_MAX + 1];
 
@@ -162,6 +187,26 @@ class KAVO_EXPORT KavoBpfService {
   int monitorRing(int ring);
   // Sets or clears |bit| of a ring's control word under servicelock.
   bool updateControlWord(int ring, uint64_t bit, bool enable);
+  // Chooses how the monitor of |ring| learns of lost records: the set's
+  // mapped counter, or else the full bit. Before the ring's producers start.
+  void setUpLossWatch(int ring, RingLossWatch* watch);
+  // Clears the full bit if it is set (true), leaving it for the next status
+  // check to report.
+  bool takeRingFullBit(int ring);
+  // Dispatches a process read from /proc as the initial scan does and keeps
+  // its start time in its task.
+  void dispatchProcTask(const ProcTask& process);
+  // Drops the tasks of |gone| (50002 each, with the task's name), then brings
+  // in |created| as the scan would (50001 each). Counts the task-init records
+  // like the scan. With |walkedNs| (the boot time after /proc was read), an
+  // exit record older than it for a pid of |gone| is taken as reported.
+  // Returns the size of the table afterwards.
+  uint32_t applyTaskRepair(const std::vector<KavoTask>& gone, const std::vector<ProcTask>& created,
+                           uint64_t walkedNs);
+  // The supervision step's request to the ring-0 monitor.
+  void requestZombieCheck();
+  void publishProcessCreated(const KavoTask& task);
+  void publishProcessExited(int32_t pid, const char* comm);
 
   // 1. Raw-event handlers by type.
   std::map<int, KavoRawEventHandler> eventHandlers;
@@ -196,6 +241,21 @@ class KAVO_EXPORT KavoBpfService {
   std::atomic<int> attachedSets{0};
   // Written by stop() so that monitors blocked in their poll wake up at once.
   android::base::unique_fd stopEventFd;
+  // Written by the supervision step to wake the ring-0 monitor for
+  // clearScanZombies(), which zombieCheckRequested asks for.
+  android::base::unique_fd supervisionEventFd;
+  std::atomic<bool> zombieCheckRequested{false};
+  // Pids that were zombies at the initial scan, with their start time (boot
+  // ns). Guarded by kavoTaskManagerLock.
+  std::map<int32_t, int64_t> scanZombies;
+  // Pids the last repair reported as exited, with the boot time after it read
+  // /proc: an exit record older than that is one the repair already reported.
+  // Ring-0 monitor thread only; empty while no record was lost.
+  std::map<int32_t, uint64_t> reportedExits;
+  // The full-bit fallback: the bit taken by the monitor and owed to the next
+  // status check, and the number of times a status check found it set.
+  std::atomic<bool> fullBitTaken[kRingCount] = {};
+  std::atomic<uint64_t> fullBitReports[kRingCount] = {};
 
   // Published once built; read without servicelock on every record.
   static std::atomic<KavoBpfService*> instance;

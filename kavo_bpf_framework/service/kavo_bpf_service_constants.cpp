@@ -79,6 +79,14 @@ const std::string KavoBpfService::RINGBUF_STATUS_PATH[kRingCount] = {
     "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ringbuf_status",
     "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ringbuf_status",
 };
+const std::string KavoBpfService::RINGBUF_LOST_PATH[kRingCount] = {
+    "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ringbuf_lost",
+    "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ringbuf_lost",
+};
+const std::string KavoBpfService::RING_STATS_PATH[kRingCount] = {
+    "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ring_stats",
+    "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ring_stats",
+};
 const char* const KavoBpfService::EVENT_TYPE_NAMES[KAVO_EVENT_RAW_MAX + 1] = {
     "kavo_task_init",   "kmem_rss_info",             "sched_task_create", "sched_task_exit",
     "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info",    "dmabuf_update",

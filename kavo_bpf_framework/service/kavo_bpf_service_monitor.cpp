@@ -13,7 +13,14 @@
 // libbpf takes an epoll event's data as the index of the ring to consume, so
 // the stop descriptor carries index 0, this poller's only ring: a wake-up
 // just consumes whatever that ring holds (usually nothing) and the poll
-// returns, after which the loop sees the cleared running flag.
+// returns, after which the loop sees the cleared running flag. The ring-0
+// monitor watches supervisionEventFd the same way.
+//
+// Lost records: ring 0 carries the fork and exit records the task table
+// follows. When its watch (kavo_bpf_ring_loss.h) reports that records were
+// lost and the loss is over, the monitor consumes what the ring still holds
+// and repairs the table from /proc. With nothing lost the poll still waits
+// without a time limit.
 
 #include <android/log.h>
 #include <bpf/bpf.h>
@@ -27,6 +34,7 @@
 #include <memory>
 
 #include "service/kavo_bpf_event_manager.h"
+#include "service/kavo_bpf_ring_loss.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
@@ -126,6 +134,21 @@ int KavoBpfService::monitorRing(int ring) {
         name, strerror(errno));
   }
 
+  // Only ring 0 feeds the task table, so only its losses are repaired. The
+  // watch starts before the producers: records lost while the scan below
+  // runs count.
+  const bool repairsTaskTable = ring == kRingDefineset;
+  RingLossWatch lossWatch;
+  if (repairsTaskTable) {
+    setUpLossWatch(ring, &lossWatch);
+    if (epoll_ctl(ring_buffer__epoll_fd(poller.get()), EPOLL_CTL_ADD, supervisionEventFd.get(),
+                  &wake) != 0) {
+      __android_log_print(ANDROID_LOG_WARN, kTag,
+                          "[KavoBpfService][%s] KAVOBPF: supervision wake-up not watched: %s", name,
+                          strerror(errno));
+    }
+  }
+
   // Core producers first, so that no process born during the seeding is
   // missed; records they write meanwhile wait in the ring.
   enableCoreBpf(ring, true);
@@ -142,11 +165,22 @@ int KavoBpfService::monitorRing(int ring) {
       __android_log_print(ANDROID_LOG_WARN, kTag, "%s", kStopMessages[ring]);
       return 0;
     }
-    int result = ring_buffer__poll(poller.get(), -1);
+    int result = ring_buffer__poll(poller.get(), lossWatch.pollTimeoutMs());
     if (result >= 0) {
       KavoBpfDataState::GetInstance()->RecordEvent(KavoBpfDataState::kPollCounter, 1);
       checkBpfRingBuffStatus(ring, false);
       consecutiveErrors = 0;
+      uint64_t lost;
+      if (lossWatch.afterPoll(result, &lost)) {
+        // Every record the kernel placed before the repair reads /proc is
+        // handled first, so that the repair and the records agree.
+        ring_buffer__consume(poller.get());
+        resyncTaskTable(lost);
+      }
+      if (repairsTaskTable && zombieCheckRequested.load(std::memory_order_relaxed) &&
+          zombieCheckRequested.exchange(false)) {
+        clearScanZombies();
+      }
       continue;
     }
     int pollErrno = errno;
@@ -207,7 +241,12 @@ bool KavoBpfService::checkBpfRingBuffStatus(int ring, bool force) {
   }
   uint64_t avail = ReadStatus(statusFd, KAVO_RING_STATUS_AVAIL_DATA);
   uint64_t control = ReadStatus(statusFd, KAVO_RING_STATUS_CONTROL);
-  if ((control & KAVO_RING_FULL_BIT) == 0) return true;
+  // A monitor without a lost-record counter may have taken the bit already
+  // (takeRingFullBit); it is still this check's to report.
+  bool bitSet = (control & KAVO_RING_FULL_BIT) != 0;
+  bool taken = fullBitTaken[ring].exchange(false);
+  if (!bitSet && !taken) return true;
+  if (bitSet) ++fullBitReports[ring];
 
   __android_log_print(ANDROID_LOG_WARN, kTag,
                       "[KavoBpfService][checkBpfRingBuffStatus] bpf ringbuff full!");

@@ -6,6 +6,12 @@
 // header; a record shorter than its layout is dropped. The table is changed
 // under kavoTaskManagerLock; derived events are published after it is
 // released, so no lock of the task table is ever held while forwarding.
+//
+// After ring 0 lost records, the repair (kavo_bpf_service_resync.cpp) may
+// already have reported a process as exited whose exit record was still on
+// its way: such a record (older than the repair's look at /proc) changes
+// nothing and is not reported twice. A new process under that pid, whose fork
+// record comes first, ends that.
 
 #include <android/log.h>
 #include <string.h>
@@ -97,6 +103,7 @@ int KavoBpfService::handleSched_SchedProcessFork(char* data, long long size) {
                         "[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
     return 0;
   }
+  if (!reportedExits.empty()) reportedExits.erase(event.pid);
   {
     std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
     if (KavoTaskManager::GetInstance()->GetKavoTask(event.pid) != nullptr) return 0;
@@ -119,13 +126,12 @@ int KavoBpfService::handleSched_SchedProcessFork(char* data, long long size) {
   task.threadNum = 1;
   task.oldThreadNum = 1;
   task.firstSeenNs = static_cast<int64_t>(event.header.time_ns);
+  task.startTimeNs = static_cast<int64_t>(event.header.time_ns);
   {
     std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
     KavoTaskManager::GetInstance()->AddKavoTask(task.pid, task);
   }
-  kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, task.pid, task.ppid, task.uid, {}};
-  memcpy(created.comm, task.comm, sizeof(created.comm));
-  Publish(created);
+  publishProcessCreated(task);
   return 0;
 }
 
@@ -141,14 +147,32 @@ int KavoBpfService::handleSched_SchedProcessExit(char* data, long long size) {
                         "[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!");
     return 0;
   }
+  if (!reportedExits.empty()) {
+    auto reported = reportedExits.find(event.pid);
+    if (reported != reportedExits.end()) {
+      bool alreadyReported = event.header.time_ns <= reported->second;
+      reportedExits.erase(reported);
+      if (alreadyReported) return 0;
+    }
+  }
   {
     std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
     KavoTaskManager::GetInstance()->DelKavoTask(event.pid);  // unknown pids are fine
   }
-  kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, event.pid, {}};
-  CopyComm(exited.comm, event.comm);
-  Publish(exited);
+  publishProcessExited(event.pid, event.comm);
   return 0;
+}
+
+void KavoBpfService::publishProcessCreated(const KavoTask& task) {
+  kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, task.pid, task.ppid, task.uid, {}};
+  memcpy(created.comm, task.comm, sizeof(created.comm));
+  Publish(created);
+}
+
+void KavoBpfService::publishProcessExited(int32_t pid, const char* comm) {
+  kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, pid, {}};
+  CopyComm(exited.comm, comm);
+  Publish(exited);
 }
 
 }  // namespace Kavo::Bpf

@@ -59,6 +59,10 @@ int KavoTaskManager::DelKavoTask(int pid) { return EraseOrEnoent(tasks, pid); }
 
 uint32_t KavoTaskManager::GetKavoTaskCount() { return static_cast<uint32_t>(tasks.size()); }
 
+void KavoTaskManager::ForEachKavoTask(const std::function<void(const KavoTask&)>& visit) {
+  for (const auto& entry : tasks) visit(entry.second);
+}
+
 int KavoTaskManager::AddMmidIndex(unsigned mmId, KavoTask* task) {
   mmIdIndex.insert_or_assign(mmId, task);
   return 0;

@@ -13,6 +13,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -37,6 +38,10 @@ struct KavoTask {
   int64_t initTimeStamp;  // start, on the service's seconds clock
   int64_t lastInfoTime;   // seconds clock of the last refresh from /proc
   int64_t firstSeenNs;    // kernel boot time of the event that made the record
+  // Boot time in ns at which the process started, 0 when not known: from the
+  // stat file for scanned processes, the fork record's time (within a clock
+  // tick of the kernel's) for forked ones. Tells a reused pid from its owner.
+  int64_t startTimeNs;
 };
 
 // Largest total resident memory first.
@@ -53,6 +58,8 @@ class KAVO_EXPORT KavoTaskManager {
   // 0, or -1 with errno ENOENT when absent. errno is 0 after a success.
   int DelKavoTask(int pid);
   uint32_t GetKavoTaskCount();
+  // Calls |visit| with every task, in pid order; |visit| must not change the table.
+  void ForEachKavoTask(const std::function<void(const KavoTask&)>& visit);
 
   int AddMmidIndex(unsigned mmId, KavoTask* task);
   KavoTask* GetKavoTaskByMmid(unsigned mmId);

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "service/kavo_bpf_task_manager.h"
+#include "test_process.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
 
@@ -34,24 +35,7 @@ size_t HeapInUse() {
 #endif
 }
 
-size_t LiveProcesses() {
-  size_t count = 0;
-  Kavo::Bpf::ForEachDirEntry("/proc", [&count](const char* name) {
-    if (!Kavo::Bpf::IsDigits(name)) return Kavo::Bpf::LineAction::kContinue;
-    // "<pid> (<name>) <state> ...": a zombie has exited, only its parent has
-    // not reaped it yet.
-    bool alive = false;
-    Kavo::Bpf::ForEachLine((std::string("/proc/") + name + "/stat").c_str(), [&alive](std::string_view line) {
-      size_t close = line.rfind(')');
-      alive = close != std::string_view::npos && close + 2 < line.size() && line[close + 2] != 'Z' &&
-              line[close + 2] != 'X';
-      return Kavo::Bpf::LineAction::kStop;
-    });
-    if (alive) ++count;
-    return Kavo::Bpf::LineAction::kContinue;
-  });
-  return count;
-}
+size_t LiveProcesses() { return LivePids().size(); }
 
 size_t TaskTableSize() {
   std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);
