@@ -74,7 +74,12 @@ TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
     std::string why;
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
     kavo::test::LogCapture log;
-    KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
+    // The rings see the whole machine: on a busy one other processes' memory
+    // records come by the hundred thousand a second, and the default ring
+    // (some 26,000 of them) would hold less than a second of them, less than
+    // the monitor may wait for a CPU there. This test is about the client
+    // queues, so it gives the kernel room for 16 times that.
+    KavoBpfService* service = kavo::test::StartServiceOnKernel(&why, {"--ring-size", "16777216"});
     ASSERT_NE(nullptr, service) << why;
 
     RawClient slow, reader;
