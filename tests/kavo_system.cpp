@@ -74,7 +74,9 @@ int KavoSystem::Stop() {
   if (!daemon_) return -1;
   int status = 0;
   daemon_->Signal(SIGTERM);
-  if (!daemon_->WaitExit(2s, &status)) return -1;
+  // The daemon stops within 2 s; its process is gone once the kernel has
+  // detached each program, every detach waiting out an RCU grace period.
+  if (!daemon_->WaitExit(15s, &status)) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

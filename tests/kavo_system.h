@@ -43,7 +43,7 @@ class KavoSystem {
   bool WaitReady(std::string* why, std::chrono::milliseconds timeout = std::chrono::seconds(15));
   // Signals kavobpfd and reaps it; for SIGKILL, SIGSTOP and the like.
   void Kill(int sig);
-  // SIGTERM; the daemon's exit code, or -1 when it did not exit within 2 s.
+  // SIGTERM; the daemon's exit code, or -1 when its process did not end.
   int Stop();
 
   ChildProcess* daemon() { return daemon_.get(); }

@@ -5,6 +5,10 @@
 //   kavo_workload touch MIB DELAY_MS   wait, allocate and touch MIB MiB, exit
 //   kavo_workload forks N              fork N children that exit at once
 //   kavo_workload forks-for SECONDS    the same, for that long
+//   kavo_workload forks-paced N BATCH PERIOD_MS
+//                                      fork N children that exit at once, BATCH
+//                                      of them every PERIOD_MS, and print each
+//                                      child's pid on a line of its own
 //   kavo_workload faults SECONDS MIB [RATE]
 //                                      map, touch and unmap MIB MiB in a loop;
 //                                      with RATE, about RATE pages a second
@@ -14,6 +18,7 @@
 // for the mapping), each unmap one more: a steady, known stream of RSS
 // records for the benchmarks.
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -63,6 +68,29 @@ int Forks(int n) {
   return 0;
 }
 
+int ForksPaced(long total, long batch, long periodMs) {
+  if (total < 0 || batch < 1 || periodMs < 0) return 2;
+  std::vector<pid_t> children;
+  auto next = std::chrono::steady_clock::now();
+  for (long forked = 0; forked < total;) {
+    children.clear();
+    for (long i = 0; i < batch && forked < total; ++i, ++forked) {
+      pid_t child = fork();
+      if (child == 0) _exit(0);
+      if (child < 0) return 1;
+      children.push_back(child);
+    }
+    for (pid_t child : children) {
+      while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+      }
+      printf("%d\n", static_cast<int>(child));
+    }
+    next += std::chrono::milliseconds(periodMs);
+    std::this_thread::sleep_until(next);
+  }
+  return fflush(stdout) == 0 ? 0 : 1;
+}
+
 int ForksFor(double seconds) {
   auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (std::chrono::steady_clock::now() < end) Forks(1);
@@ -109,12 +137,13 @@ int main(int argc, char** argv) {
   if (mode == "touch") return Touch(arg(2, 8), arg(3, 0));
   if (mode == "forks") return Forks(static_cast<int>(arg(2, 100)));
   if (mode == "forks-for") return ForksFor(argc > 2 ? atof(argv[2]) : 1.0);
+  if (mode == "forks-paced") return ForksPaced(arg(2, 100), arg(3, 10), arg(4, 20));
   if (mode == "faults") return Faults(argc > 2 ? atof(argv[2]) : 1.0, arg(3, 4), argc > 4 ? atof(argv[4]) : 0);
   if (mode == "sleep") {
     SleepMs(arg(2, 1000));
     return 0;
   }
   fprintf(stderr, "usage: kavo_workload threads N DELAY_MS | touch MIB DELAY_MS | forks N | "
-                  "forks-for SECONDS | faults SECONDS MIB [RATE] | sleep MS\n");
+                  "forks-for SECONDS | forks-paced N BATCH PERIOD_MS | faults SECONDS MIB [RATE] | sleep MS\n");
   return 2;
 }
