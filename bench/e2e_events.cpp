@@ -47,7 +47,7 @@
 #include "bpf/kavo_bpf_records.h"
 #include "event_consumers.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "raw_client.h"
+#include "support/wire.h"
 
 struct ring_buffer;
 

@@ -40,8 +40,8 @@
 
 #include "bench_support.h"
 #include "bpf/kavo_bpf_records.h"
-#include "raw_client.h"
-#include "test_process.h"
+#include "support/wire.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
 

@@ -7,9 +7,7 @@
 //
 //   extern "C" int LLVMFuzzerInitialize(int*, char***) {
 //     kavo::fuzz::QuietLog();
-//     kavo::fuzz::Mounts mounts;
-//     mounts.fakeProc = true;
-//     kavo::fuzz::PrivateMounts(mounts);
+//     kavo::fuzz::PrivateMounts(/*fakeProc=*/true, /*bpffs=*/false);
 //     return 0;
 //   }
 //
@@ -22,20 +20,12 @@
 
 namespace kavo::fuzz {
 
-struct Mounts {
-  // An empty tmpfs over /proc for made-up processes. /proc/self,
-  // /proc/thread-self and /proc/<this process's pid> still lead into a real
-  // procfs (mounted at /proc/.host), which the sanitizers read their maps and
-  // threads from; walks of /proc therefore meet this process too.
-  bool fakeProc = false;
-  // A fresh, empty bpffs over /sys/fs/bpf.
-  bool bpffs = false;
-};
-
-// Enters a private mount namespace and mounts a tmpfs over /data, plus what
-// |mounts| asks for. False (with a line on stderr) when something was
-// refused; the target then runs on whatever is there.
-bool PrivateMounts(const Mounts& mounts);
+// Enters a private mount namespace with a tmpfs over /data, and with
+// |fakeProc| an empty tmpfs over /proc (this process's own entries still lead
+// into a real procfs, for the sanitizers), with |bpffs| a fresh bpffs. False
+// (with a line on stderr) when something was refused; the target then runs
+// on whatever is there.
+bool PrivateMounts(bool fakeProc, bool bpffs);
 
 // Drops every log line below fatal: a fuzz run logs a lot and reads none of it.
 void QuietLog();

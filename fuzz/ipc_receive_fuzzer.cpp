@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
+#include "support/wire.h"
 #include "utils/kavo_bpf_ipc_helper.h"
 
 namespace {
@@ -44,9 +45,8 @@ using kavo::fuzz::Input;
 
 constexpr size_t kBufferSizes[] = {16, 64, 300, 4096, 32768};
 
-void Put32(std::string* out, uint32_t value) {
-  out->append(reinterpret_cast<const char*>(&value), sizeof(value));
-}
+// A frame header alone: a size that announces what never comes.
+std::string SizeOnly(uint32_t size) { return std::string(reinterpret_cast<const char*>(&size), sizeof(size)); }
 
 // Touches every byte, so that an out-of-bounds range faults under ASan.
 volatile uint32_t gSink;
@@ -88,22 +88,18 @@ Stream BuildStream(Input* input, size_t bufferSize) {
       case 0: {
         const uint32_t type = input->Byte() % 5;
         const size_t length = input->U16() % (bufferSize - 12 + 1);
-        Put32(&stream.bytes, static_cast<uint32_t>(length + 8));
-        Put32(&stream.bytes, type);
-        Put32(&stream.bytes, static_cast<uint32_t>(length));
-        stream.bytes += input->Bytes(length);
+        stream.bytes += kavo::test::PackageFrame(type, input->Bytes(length));
         break;
       }
       case 1: {
         const size_t length = input->Byte() % 8;
-        Put32(&stream.bytes, static_cast<uint32_t>(length));
-        stream.bytes += input->Bytes(length);
+        stream.bytes += kavo::test::RawFrame(input->Bytes(length));
         break;
       }
       case 2: {
         const uint32_t tooBig = static_cast<uint32_t>(bufferSize) - 3;
         const uint32_t pick = input->U32();
-        Put32(&stream.bytes, pick >= tooBig ? pick : tooBig + pick % 8);
+        stream.bytes += SizeOnly(pick >= tooBig ? pick : tooBig + pick % 8);
         break;
       }
       default:
@@ -191,7 +187,7 @@ void FeedStream(const Stream& stream, size_t bufferSize) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kavo::fuzz::QuietLog();
   // Damaged frames write the error log under /data: keep that private.
-  kavo::fuzz::PrivateMounts(kavo::fuzz::Mounts());
+  kavo::fuzz::PrivateMounts(/*fakeProc=*/false, /*bpffs=*/false);
   return 0;
 }
 

@@ -112,10 +112,7 @@ struct Process {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kavo::fuzz::QuietLog();
-  kavo::fuzz::Mounts mounts;
-  mounts.fakeProc = true;
-  mounts.bpffs = true;
-  if (kavo::fuzz::PrivateMounts(mounts)) PinStandInMaps();
+  if (kavo::fuzz::PrivateMounts(/*fakeProc=*/true, /*bpffs=*/true)) PinStandInMaps();
   return 0;
 }
 

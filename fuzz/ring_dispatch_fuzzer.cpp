@@ -43,7 +43,7 @@
 #include <string>
 #include <vector>
 
-#include "event_sink.h"
+#include "support/event_sink.h"
 #include "fuzz_support.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
@@ -125,9 +125,7 @@ size_t DerivedSize(uint32_t type) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kavo::fuzz::QuietLog();
-  kavo::fuzz::Mounts mounts;
-  mounts.fakeProc = true;
-  kavo::fuzz::PrivateMounts(mounts);
+  kavo::fuzz::PrivateMounts(/*fakeProc=*/true, /*bpffs=*/false);
   gEverything = new kavo::test::EventSink({0, 1, 2, 3, 4, 5, 6, 7, 50001, 50002, 50003, 50004}, 1000);
   gSome = new kavo::test::EventSink({KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_EXIT, 50002, 50004}, 1001);
   return 0;

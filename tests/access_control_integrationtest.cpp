@@ -19,11 +19,11 @@
 #include <gtest/gtest.h>
 
 #include "bpf/kavo_bpf_records.h"
-#include "kavo_system.h"
-#include "ns_harness.h"
-#include "test_process.h"
-#include "raw_client.h"
-#include "wait_until.h"
+#include "support/system.h"
+#include "support/harness.h"
+#include "support/processes.h"
+#include "support/wire.h"
+#include "support/wait_until.h"
 
 namespace {
 

@@ -25,10 +25,10 @@
 #include <vector>
 
 #include "bpf/kavo_bpf_records.h"
-#include "bpf_test_maps.h"
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 
 namespace {

@@ -19,16 +19,16 @@
 
 #include <gtest/gtest.h>
 
-#include "ipc_test_server.h"
-#include "log_capture.h"
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/ipc_test_server.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -17,10 +17,10 @@
 
 #include <gtest/gtest.h>
 
-#include "kavo_system.h"
+#include "support/system.h"
 #include "kavobpf/kavobpf_client.h"
-#include "ns_harness.h"
-#include "wait_until.h"
+#include "support/harness.h"
+#include "support/wait_until.h"
 
 namespace {
 

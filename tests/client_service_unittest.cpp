@@ -15,12 +15,12 @@
 
 #include <gtest/gtest.h>
 
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -15,9 +15,9 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon_system.h"
-#include "ns_harness.h"
-#include "test_process.h"
+#include "support/daemon_system.h"
+#include "support/harness.h"
+#include "support/processes.h"
 
 namespace {
 

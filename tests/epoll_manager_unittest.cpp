@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
+#include "support/log_capture.h"
 #include "utils/kavo_bpf_epoll_manager.h"
 
 namespace {

@@ -15,9 +15,9 @@
 
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
+#include "support/log_capture.h"
 #include "utils/kavo_bpf_epoll_manager.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace {
 

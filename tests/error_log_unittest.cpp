@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_error_log.h"
 
 namespace Kavo::Bpf {

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "ns_harness.h"
-#include "ipc_error_capture.h"
+#include "support/harness.h"
+#include "support/ipc_error_capture.h"
 #include "utils/kavo_bpf_ipc_frame_queue.h"
 #include "utils/kavo_bpf_ipc_package.h"
 

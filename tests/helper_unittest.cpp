@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ns_harness.h"
+#include "support/harness.h"
 #include "utils/kavo_bpf_helper.h"
 
 namespace Kavo::Bpf {

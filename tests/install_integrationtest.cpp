@@ -13,9 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include "kavo_system.h"
-#include "ns_harness.h"
-#include "test_process.h"
+#include "support/system.h"
+#include "support/harness.h"
+#include "support/processes.h"
 
 namespace {
 

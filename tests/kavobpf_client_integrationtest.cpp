@@ -11,11 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -16,10 +16,10 @@
 
 #include "bpf/kavo_bpf_programs.h"
 #include "kavobpf_probe_flavour.h"
-#include "kernel_side.h"
-#include "ns_harness.h"
+#include "support/kernel.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "bpf_test_maps.h"
-#include "ns_harness.h"
-#include "test_process.h"
+#include "support/kernel_stand_ins.h"
+#include "support/harness.h"
+#include "support/processes.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "event_sink.h"
-#include "ns_harness.h"
+#include "support/event_sink.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
 

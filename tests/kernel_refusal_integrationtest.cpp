@@ -10,13 +10,13 @@
 
 #include <gtest/gtest.h>
 
-#include "bpf_test_maps.h"
-#include "event_sink.h"
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/event_sink.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 
 namespace {
 

@@ -21,17 +21,17 @@
 #include <gtest/gtest.h>
 
 #include "bpf/kavo_bpf_records.h"
-#include "bpf_test_maps.h"
-#include "event_sink.h"
-#include "fake_proc.h"
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/kernel_stand_ins.h"
+#include "support/event_sink.h"
+#include "support/fake_proc.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_service.h"
-#include "test_process.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "fake_proc.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/fake_proc.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 
 namespace Kavo::Bpf {

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "bpf/kavo_bpf_records.h"
-#include "event_sink.h"
-#include "log_capture.h"
+#include "support/event_sink.h"
+#include "support/log_capture.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
 

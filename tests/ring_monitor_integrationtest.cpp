@@ -18,15 +18,15 @@
 #include <thread>
 
 #include "bpf/kavo_bpf_records.h"
-#include "bpf_test_maps.h"
-#include "event_sink.h"
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/event_sink.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace {
 

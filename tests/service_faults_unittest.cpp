@@ -15,13 +15,13 @@
 
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -8,11 +8,11 @@
 
 #include <gtest/gtest.h>
 
-#include "bpf_test_maps.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "ns_harness.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_error_log.h"
 #include "service/kavo_bpf_state.h"
 

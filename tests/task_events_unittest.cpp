@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "event_sink.h"
-#include "fake_proc.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/event_sink.h"
+#include "support/fake_proc.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
 

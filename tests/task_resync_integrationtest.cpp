@@ -28,16 +28,16 @@
 #include <gtest/gtest.h>
 
 #include "bpf/kavo_bpf_records.h"
-#include "bpf_test_maps.h"
-#include "daemon_system.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/daemon_system.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_ring_loss.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_task_manager.h"
-#include "test_process.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace {
 

@@ -23,16 +23,16 @@
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
-#include "bpf_test_maps.h"
-#include "event_sink.h"
-#include "fake_proc.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/event_sink.h"
+#include "support/fake_proc.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_ring_loss.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
 #include "service/kavo_bpf_task_manager.h"
-#include "wait_until.h"
+#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {

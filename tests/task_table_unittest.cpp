@@ -13,8 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_task_manager.h"

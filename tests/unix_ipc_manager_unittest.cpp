@@ -14,11 +14,11 @@
 
 #include <gtest/gtest.h>
 
-#include "ipc_test_server.h"
-#include "log_capture.h"
-#include "ns_harness.h"
-#include "raw_client.h"
-#include "ipc_error_capture.h"
+#include "support/ipc_test_server.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
+#include "support/wire.h"
+#include "support/ipc_error_capture.h"
 
 namespace {
 

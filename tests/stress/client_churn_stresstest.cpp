@@ -19,16 +19,16 @@
 
 #include <gtest/gtest.h>
 
-#include "event_sink.h"
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
-#include "raw_client.h"
+#include "support/event_sink.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
+#include "support/wire.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
-#include "stress_support.h"
-#include "test_process.h"
+#include "support/stress.h"
+#include "support/processes.h"
 
 namespace {
 

@@ -11,13 +11,13 @@
 
 #include <gtest/gtest.h>
 
-#include "kernel_side.h"
-#include "log_capture.h"
-#include "ns_harness.h"
+#include "support/kernel.h"
+#include "support/log_capture.h"
+#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
-#include "stress_support.h"
-#include "test_process.h"
+#include "support/stress.h"
+#include "support/processes.h"
 
 namespace {
 

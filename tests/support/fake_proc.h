@@ -1,0 +1,43 @@
+#pragma once
+
+// Made-up processes in a tmpfs mounted over /proc (see RunInNamespace with
+// FakeProc()), written in the kernel's own formats so the service's /proc
+// readers parse them as they would parse the real thing.
+//
+//   kavo::test::FakeProcess p;
+//   p.pid = 4242; p.name = "surfaceflinger"; p.rssAnonKb = 1024;
+//   kavo::test::WriteFakeProcess(p);
+//   kavo::test::AddFakeFd(4242, 7, "/dmabuf:", 4096, 17);
+
+#include <stdint.h>
+
+#include <string>
+
+namespace kavo::test {
+
+struct FakeProcess {
+  int pid = 0;
+  std::string name = "proc";
+  int ppid = 1;
+  int uid = 0;
+  int threads = 1;
+  long long rssAnonKb = 0;
+  long long rssFileKb = 0;
+  long long rssShmemKb = 0;
+  long long swapKb = 0;
+  long long startTicks = 0;
+  char state = 'S';        // 'Z': a zombie
+  bool withStat = true;    // false: the process "vanished" before its stat was read
+  bool withFdDir = true;   // an empty /proc/<pid>/fd
+};
+
+// /proc/<pid>/status, /proc/<pid>/stat and an empty fd directory.
+void WriteFakeProcess(const FakeProcess& process);
+// Descriptor |fd| of |pid|: a link to |target| and, when size >= 0, an fdinfo
+// file with "size:" and "ino:" lines (either may be left out with -1).
+bool AddFakeFd(int pid, int fd, const std::string& target, long long size = -1,
+               long long inode = -1);
+// /proc/<pid>/maps with the given text.
+void WriteFakeMaps(int pid, const std::string& content);
+
+}  // namespace kavo::test

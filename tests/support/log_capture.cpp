@@ -1,0 +1,81 @@
+#include "support/log_capture.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+
+namespace kavo::test {
+
+namespace {
+std::atomic<LogCapture*> gActive{nullptr};
+}  // namespace
+
+LogCapture::LogCapture() {
+  const char* quiet = getenv("KAVO_TEST_QUIET");
+  echo_ = quiet == nullptr || strcmp(quiet, "1") != 0;
+  gActive = this;
+  __android_log_set_logger(&LogCapture::Logger);
+}
+
+LogCapture::~LogCapture() {
+  LogCapture* self = this;
+  if (gActive.compare_exchange_strong(self, nullptr)) {
+    __android_log_set_logger(__android_log_stderr_logger);
+  }
+}
+
+void LogCapture::Logger(const struct __android_logger_data* data, const char* message) {
+  LogCapture* active = gActive.load();
+  if (active == nullptr || active->echo_) __android_log_stderr_logger(data, message);
+  if (active != nullptr) {
+    active->Append(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
+  }
+}
+
+void LogCapture::Append(LogLine line) {
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back(std::move(line));
+  }
+  changed_.notify_all();
+}
+
+std::vector<LogLine> LogCapture::Lines() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return lines_;
+}
+
+size_t LogCapture::Count(const std::string& needle, int priority) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  size_t n = 0;
+  for (const LogLine& line : lines_) {
+    if (line.message.find(needle) != std::string::npos &&
+        (priority < 0 || line.priority == priority)) {
+      ++n;
+    }
+  }
+  return n;
+}
+
+bool LogCapture::WaitFor(const std::string& needle, size_t count,
+                         std::chrono::milliseconds timeout) const {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (true) {
+    size_t n = 0;
+    for (const LogLine& line : lines_) {
+      if (line.message.find(needle) != std::string::npos) ++n;
+    }
+    if (n >= count) return true;
+    if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) return false;
+  }
+}
+
+void LogCapture::Clear() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  // Gives the memory back too: tests that measure the heap clear first.
+  std::vector<LogLine>().swap(lines_);
+}
+
+}  // namespace kavo::test

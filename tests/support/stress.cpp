@@ -1,0 +1,50 @@
+#include "support/stress.h"
+
+#include <malloc.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "service/kavo_bpf_task_manager.h"
+#include "support/processes.h"
+#include "utils/kavo_bpf_file.h"
+#include "utils/kavo_bpf_helper.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KAVO_SANITIZER_ALLOCATOR 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KAVO_SANITIZER_ALLOCATOR 1
+#endif
+#ifdef KAVO_SANITIZER_ALLOCATOR
+#include <sanitizer/allocator_interface.h>
+#endif
+
+namespace kavo::test {
+
+size_t HeapInUse() {
+#ifdef KAVO_SANITIZER_ALLOCATOR
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
+}
+
+size_t LiveProcesses() { return LivePids().size(); }
+
+size_t TaskTableSize() {
+  std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);
+  return Kavo::Bpf::KavoTaskManager::GetInstance()->GetKavoTaskCount();
+}
+
+void Figure(const std::string& key, long long value) {
+  printf("figure %s: %lld\n", key.c_str(), value);
+  fflush(stdout);
+}
+
+}  // namespace kavo::test

@@ -1,0 +1,72 @@
+#pragma once
+
+// A client that speaks the service's wire format by hand, byte for byte, so
+// tests check the protocol itself rather than the framework's own client.
+//
+//   kavo::test::RawClient client;
+//   ASSERT_TRUE(client.Connect());
+//   client.Send(kavo::test::SubscribeFrame(7, 51, 1));
+//   auto frame = client.ReadFrame(std::chrono::seconds(2));   // type, body
+
+#include <stdint.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kavo::test {
+
+constexpr char kServiceSocket[] = "/mnt/bpfframework/kavobpfdispatcher";
+
+struct Frame {
+  uint32_t type = 0;  // second-level type
+  std::string body;   // after the 8-byte second-level header
+};
+
+// "size | 0 | 16 | reqId | reqType | 4 | eventType", 28 bytes.
+std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType);
+// A second-level package (type, size, body) behind its first-level size.
+std::string PackageFrame(uint32_t type, const std::string& body);
+// Any bytes behind a first-level size.
+std::string RawFrame(const std::string& body);
+// Takes the whole frames off the front of |bytes| (a partial one stays).
+std::vector<Frame> ParseFrames(std::string* bytes);
+
+class RawClient {
+ public:
+  RawClient() = default;
+  ~RawClient();
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  // Connects to the service socket (abstract namespace), retrying until
+  // |timeout| for a service that is still starting.
+  bool Connect(const std::string& name = kServiceSocket,
+               std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  bool Send(const std::string& bytes);
+  // The next whole frame, or nothing when none arrived in time.
+  std::optional<Frame> ReadFrame(std::chrono::milliseconds timeout);
+  // The next frame of second-level type 3 (an event record), skipping others.
+  std::optional<std::string> ReadEvent(std::chrono::milliseconds timeout);
+  // Shrinks the socket's receive buffer (before reading anything).
+  void SetReceiveBuffer(int bytes);
+  void Close();
+  int fd() const { return fd_; }
+
+ private:
+  bool Fill(std::chrono::steady_clock::time_point deadline);
+
+  int fd_ = -1;
+  std::string pending_;
+};
+
+// Response body fields: reqId, result, dataSize.
+struct Response {
+  uint32_t reqId;
+  int32_t result;
+  uint32_t dataSize;
+};
+std::optional<Response> AsResponse(const Frame& frame);
+
+}  // namespace kavo::test
