@@ -212,6 +212,28 @@ uint64_t TotalWakeups(pid_t pid) {
   return total;
 }
 
+uint64_t InterruptCount(const char* name) {
+  uint64_t total = 0;
+  const size_t length = strlen(name);
+  Kavo::Bpf::ForEachLine("/proc/interrupts", [&](std::string_view line) {
+    size_t at = line.find_first_not_of(' ');
+    if (at == std::string_view::npos || line.compare(at, length, name) != 0 || line.size() <= at + length ||
+        line[at + length] != ':') {
+      return Kavo::Bpf::LineAction::kContinue;
+    }
+    // "IWI:  123  456  IRQ work interrupts": the counts, one per CPU.
+    std::string rest(line.substr(at + length + 1));
+    const char* p = rest.c_str();
+    char* end = nullptr;
+    for (unsigned long long count = strtoull(p, &end, 10); end != p; count = strtoull(p, &end, 10)) {
+      total += count;
+      p = end;
+    }
+    return Kavo::Bpf::LineAction::kStop;
+  });
+  return total;
+}
+
 uint64_t ProcessCpuNs(pid_t pid) {
   std::string dir = "/proc/" + std::to_string(pid) + "/task";
   uint64_t ns = 0;

@@ -80,6 +80,10 @@ struct ThreadWakeups {
 std::map<int, ThreadWakeups> WakeupsByThread(pid_t pid);
 uint64_t TotalWakeups(pid_t pid);
 
+// Interrupts of one kind taken so far, summed over CPUs, by its name in
+// /proc/interrupts ("IWI" for irq_work, "RES" for rescheduling).
+uint64_t InterruptCount(const char* name);
+
 // Nanoseconds on CPU of every thread of |pid|, or of the one thread |tid|
 // (from schedstat).
 uint64_t ProcessCpuNs(pid_t pid);

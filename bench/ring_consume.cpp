@@ -1,18 +1,22 @@
 // ring_consume: how fast records leave a ring buffer, through the service's
 // monitor (ring_buffer__poll calling handleBpfRingBuffEvent, which counts,
-// forwards and runs the handlers) and through a bare libbpf consumer that
-// only counts them.
+// forwards and runs the handlers) with no client, through the same monitor
+// while one client that subscribed to every type reads everything it is
+// sent, and through a bare libbpf consumer that only counts them.
 //
-// Both consumers get the same kernel-made load: the real programs, pinned by
+// All three get the same kernel-made load: the real programs, pinned by
 // kavobpf_loader and attached, see a burst of forked children (fork, exit and
 // RSS records) while nobody consumes; then the producers are switched off and
-// the consumer drains the backlog against the clock. The monitor is timed
-// from the moment the ring's consumer position first moves until it passes
-// the backlog's end, so its start-up (opening maps, the /proc scan) is not
-// counted.
+// the consumer drains the backlog against the clock. Each round drains one
+// backlog each way, one after the other. The monitor runs in a child process
+// of its own each time (a fresh service), and is timed from the moment the
+// ring's consumer position first moves until it passes the backlog's end, so
+// its start-up (opening maps, the /proc scan, the client's subscriptions) is
+// not counted. "client got" is the share of the backlog's records that
+// reached the client (queue trims drop the rest).
 //
 // Runs as root in private mount and network namespaces of its own (a fresh
-// bpffs for the pins). Usage: ring_consume [--forks N]
+// bpffs for the pins). Usage: ring_consume [--forks N] [--rounds N]
 
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
@@ -32,11 +36,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bench_support.h"
+#include "event_consumers.h"
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
 
@@ -48,6 +54,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kRingSize[] = "67108864";
 constexpr uint64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
+constexpr auto kPositionPoll = std::chrono::microseconds(200);
+// What a fork storm's backlog holds, and what the client subscribes to.
+const std::initializer_list<int> kBacklogTypes = {KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE,
+                                                  KAVO_EVENT_TASK_EXIT};
+const std::initializer_list<int> kEveryType = {
+    KAVO_EVENT_TASK_INIT,        KAVO_EVENT_RSS_STAT,        KAVO_EVENT_TASK_CREATE,
+    KAVO_EVENT_TASK_EXIT,        KAVO_EVENT_DMABUF_SIZE,     KAVO_EVENT_CGROUP_ATTACH,
+    KAVO_EVENT_FD_UPDATE,        KAVO_EVENT_DMABUF_UPDATE,   KAVO_EVENT_PROCESS_CREATED,
+    KAVO_EVENT_PROCESS_EXITED,   KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED};
 
 // Forks |count| children that exit at once, with the producers on, then
 // switches them off again so the backlog stays as it is. Returns forks/s.
@@ -113,7 +128,8 @@ class RingView {
 struct Drain {
   uint64_t records = 0;
   double seconds = 0;
-  double perSecond() const { return seconds > 0 ? records / seconds : 0; }
+  uint64_t delivered = 0;  // of the backlog's types, to the client (when there is one)
+  double perSecond() const { return seconds > 0 ? static_cast<double>(records) / seconds : 0; }
 };
 
 Drain DrainBare() {
@@ -132,66 +148,151 @@ Drain DrainBare() {
   return drain;
 }
 
-Drain DrainThroughMonitor(KavoBpfService* service) {
+// Sleeps between looks at the ring's positions: a spinning timer would take
+// a CPU from the monitor, the IPC thread or the client.
+void Nap() { std::this_thread::sleep_for(kPositionPoll); }
+
+// |afterDrain| runs once the backlog is through, before the service stops.
+template <typename AfterDrain>
+Drain DrainThroughMonitor(KavoBpfService* service, AfterDrain afterDrain) {
   RingView view;
   uint64_t begin = view.consumerPos();
   uint64_t end = view.producerPos();
   Drain drain;
   drain.records = view.recordsBetween(begin, end);
   std::thread monitor([service] { service->eventMonitor(); });
-  while (view.consumerPos() == begin) {
-  }
+  while (view.consumerPos() == begin) Nap();
+  const uint64_t first = view.consumerPos();
   auto start = Clock::now();
-  while (view.consumerPos() < end) {
-  }
+  while (view.consumerPos() < end) Nap();
   drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  drain.records -= 1;  // taken before the clock started
+  drain.records -= view.recordsBetween(begin, first);  // taken before the clock started
+  afterDrain(&drain);
   service->stop();
   monitor.join();
   return drain;
+}
+
+// The service's monitor drains the backlog in a child process of its own (a
+// fresh service each time), with or without a client that subscribed to every
+// type and reads everything it is sent.
+Drain DrainInChild(bool withClient) {
+  int result[2];
+  if (pipe(result) != 0) Die("ring_consume: pipe");
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(result[0]);
+    (void)!freopen("/dev/null", "w", stderr);  // the service's log lines
+    Kavo::Bpf::BpfServiceMain();
+    KavoBpfService* service = KavoBpfService::GetInstance();
+    Tally tally(kBacklogTypes);
+    tally.open(0);
+    std::unique_ptr<ClientConsumer> client;
+    if (withClient) {
+      client = std::make_unique<ClientConsumer>(&tally);
+      if (!client->start(kEveryType)) _exit(2);
+    }
+    Drain drain = DrainThroughMonitor(service, [withClient, &tally](Drain* drained) {
+      if (!withClient) return;
+      // Everything the client will get, once nothing more comes for a while.
+      uint64_t count = tally.delivered();
+      auto lastChange = Clock::now();
+      while (Clock::now() - lastChange < std::chrono::milliseconds(300)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        if (tally.delivered() != count) {
+          count = tally.delivered();
+          lastChange = Clock::now();
+        }
+      }
+      drained->delivered = count;
+    });
+    if (write(result[1], &drain, sizeof(drain)) != static_cast<ssize_t>(sizeof(drain))) _exit(1);
+    _exit(0);
+  }
+  close(result[1]);
+  Drain drain;
+  bool got = read(result[0], &drain, sizeof(drain)) == static_cast<ssize_t>(sizeof(drain));
+  close(result[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (!got) Die("ring_consume: the monitor's drain failed");
+  return drain;
+}
+
+double MedianOf(const std::vector<double>& values) {
+  std::vector<double> copy = values;
+  return Median(&copy);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   int forks = 10000;
-  if (argc == 3 && strcmp(argv[1], "--forks") == 0) forks = atoi(argv[2]);
-  if (forks <= 0 || (argc != 1 && argc != 3)) Die("ring_consume: usage: ring_consume [--forks N]");
+  int rounds = 5;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    if (strcmp(argv[i], "--forks") == 0) {
+      forks = atoi(argv[i + 1]);
+    } else if (strcmp(argv[i], "--rounds") == 0) {
+      rounds = atoi(argv[i + 1]);
+    } else {
+      forks = 0;
+    }
+  }
+  if (forks <= 0 || rounds <= 0 || argc % 2 != 1) Die("ring_consume: usage: ring_consume [--forks N] [--rounds N]");
   if (geteuid() != 0) Die("ring_consume: needs root (BPF programs and namespaces)");
+  setvbuf(stdout, nullptr, _IOLBF, 0);
 
   EnterPrivateNamespaces();
   RunLoader({"--ring-size", kRingSize});
   android::base::SetProperty("ro.kernel.version", KernelVersion());
-  // Holds the service's own producer thread before it attaches or polls.
+  // Holds the service's own producer thread before it attaches or polls; the
+  // drains run its monitor themselves.
   android::base::SetProperty("sys.kavo_bpf_ready", "0");
   if (Kavo::Bpf::AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR,
                                          KavoBpfService::PROG_EVENT_MAP) > 1) {
     Die("ring_consume: attaching the programs failed");
   }
+  const double loadBefore = LoadAverage();
 
-  double bareForkRate = MakeBacklog(forks);
-  Drain bare = DrainBare();
-
-  Kavo::Bpf::BpfServiceMain();
-  KavoBpfService* service = KavoBpfService::GetInstance();
-  double monitorForkRate = MakeBacklog(forks);
-  Drain monitor = DrainThroughMonitor(service);
-  service->Wait();
-
-  double ratio = bare.perSecond() > 0 ? monitor.perSecond() / bare.perSecond() : 0;
-  printf("%-28s %12s %10s %16s %12s\n", "consumer", "records", "seconds", "records/s", "forks/s");
-  printf("%-28s %12llu %10.4f %16.0f %12.0f\n", "bare libbpf (count only)",
-         static_cast<unsigned long long>(bare.records), bare.seconds, bare.perSecond(),
-         bareForkRate);
-  printf("%-28s %12llu %10.4f %16.0f %12.0f\n", "service monitor (dispatch)",
-         static_cast<unsigned long long>(monitor.records), monitor.seconds, monitor.perSecond(),
-         monitorForkRate);
-  printf("monitor / bare: %.3f\n", ratio);
-  printf(
-      "{\"forks\": %d, \"bare_records\": %llu, \"bare_records_per_s\": %.0f, \"monitor_records\": %llu, "
-      "\"monitor_records_per_s\": %.0f, \"monitor_to_bare_ratio\": %.4f}\n",
-      forks, static_cast<unsigned long long>(bare.records), bare.perSecond(),
-      static_cast<unsigned long long>(monitor.records), monitor.perSecond(), ratio);
+  printf("%-6s %12s %14s %14s %14s %10s %10s %12s\n", "round", "records", "bare/s", "monitor/s",
+         "with client/s", "mon/bare", "client/mon", "client got");
+  std::vector<double> bareRates, monitorRates, clientRates, monitorToBare, clientToMonitor, delivered;
+  uint64_t records = 0;
+  for (int round = 1; round <= rounds; ++round) {
+    MakeBacklog(forks);
+    Drain bare = DrainBare();
+    MakeBacklog(forks);
+    Drain monitor = DrainInChild(false);
+    MakeBacklog(forks);
+    Drain withClient = DrainInChild(true);
+    records = monitor.records;
+    bareRates.push_back(bare.perSecond());
+    monitorRates.push_back(monitor.perSecond());
+    clientRates.push_back(withClient.perSecond());
+    monitorToBare.push_back(bare.perSecond() > 0 ? monitor.perSecond() / bare.perSecond() : 0);
+    clientToMonitor.push_back(monitor.perSecond() > 0 ? withClient.perSecond() / monitor.perSecond() : 0);
+    // The client's share of the backlog it was sent (the records before the
+    // clock started count too).
+    delivered.push_back(withClient.records > 0
+                            ? static_cast<double>(withClient.delivered) / static_cast<double>(withClient.records)
+                            : 0);
+    printf("%-6d %12llu %14.0f %14.0f %14.0f %10.3f %10.3f %12.3f\n", round,
+           static_cast<unsigned long long>(monitor.records), bare.perSecond(), monitor.perSecond(),
+           withClient.perSecond(), monitorToBare.back(), clientToMonitor.back(), delivered.back());
+  }
+  const double loadAfter = LoadAverage();
+  printf("medians over %d rounds: bare libbpf (count only) %.0f records/s; service monitor (dispatch, no client) "
+         "%.0f; with one client reading every type %.0f; monitor / bare %.3f; with client / without %.3f; the "
+         "client got %.3f of the backlog; load average %.2f before, %.2f after\n",
+         rounds, MedianOf(bareRates), MedianOf(monitorRates), MedianOf(clientRates), MedianOf(monitorToBare),
+         MedianOf(clientToMonitor), MedianOf(delivered), loadBefore, loadAfter);
+  printf("{\"benchmark\":\"ring_consume\",\"forks\":%d,\"rounds\":%d,\"records\":%llu,"
+         "\"bare_records_per_s\":%.0f,\"monitor_records_per_s\":%.0f,\"client_records_per_s\":%.0f,"
+         "\"monitor_to_bare_ratio\":%.4f,\"client_to_monitor_ratio\":%.4f,\"client_delivered_share\":%.4f,"
+         "\"load_before\":%.2f,\"load_after\":%.2f}\n",
+         forks, rounds, static_cast<unsigned long long>(records), MedianOf(bareRates), MedianOf(monitorRates),
+         MedianOf(clientRates), MedianOf(monitorToBare), MedianOf(clientToMonitor), MedianOf(delivered), loadBefore,
+         loadAfter);
   fflush(stdout);
   _exit(0);
 }

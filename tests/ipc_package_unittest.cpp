@@ -98,6 +98,61 @@ TEST(IpcPackage, ARunawayQueueKeepsItsNewestHalf) {
   });
 }
 
+// How often |needle| stands in |text|.
+size_t Occurrences(const std::string& text, const std::string& needle) {
+  size_t count = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
+  return count;
+}
+
+TEST(IpcPackage, AppendingABatchQueuesWhatAppendingOneByOneQueues) {
+  kavo::test::RunInNamespace([] {
+    kavo::test::LogCapture log;
+    const std::string line = "[AppendSecondIpc] ipc Package Queue too big: 10001";
+    // Two clients that stopped reading, 9998 events behind, then a burst that
+    // takes each over the mark twice: at its 4th event (10001 queued) and
+    // 5001 events later.
+    IpcPackageManager oneByOne, batched;
+    for (uint32_t i = 0; i < 9998; ++i) {
+      oneByOne.buildAndAppendSecondIpcPackage(3, reinterpret_cast<char*>(&i), 4);
+      batched.buildAndAppendSecondIpcPackage(3, reinterpret_cast<char*>(&i), 4);
+    }
+    std::vector<uint32_t> burst;
+    for (uint32_t i = 9998; i < 9998 + 5006; ++i) burst.push_back(i);
+    std::vector<KavoIpcBytes> bodies;
+    for (const uint32_t& value : burst) bodies.push_back({reinterpret_cast<const char*>(&value), 4});
+
+    EXPECT_FALSE(batched.buildAndAppendSecondIpcPackages(4, bodies.data(), 3));  // no such type
+    EXPECT_EQ(9998u, batched.getIpcPackageCount());
+
+    // Up to the mark and one past it: no trim yet, either way.
+    for (size_t i = 0; i < 3; ++i) {
+      oneByOne.buildAndAppendSecondIpcPackage(3, const_cast<char*>(bodies[i].data), 4);
+    }
+    EXPECT_TRUE(batched.buildAndAppendSecondIpcPackages(3, bodies.data(), 3));
+    EXPECT_EQ(10001u, oneByOne.getIpcPackageCount());
+    EXPECT_EQ(10001u, batched.getIpcPackageCount());
+    EXPECT_EQ(0u, log.Count(line));
+    const size_t recordsBefore = Occurrences(kavo::test::RecordedIpcErrors(), "ErrorCode: 4\n");
+
+    // The rest: two trims each, in one batch or one at a time.
+    for (size_t i = 3; i < bodies.size(); ++i) {
+      oneByOne.buildAndAppendSecondIpcPackage(3, const_cast<char*>(bodies[i].data), 4);
+    }
+    EXPECT_EQ(2u, log.Count(line, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(batched.buildAndAppendSecondIpcPackages(3, bodies.data() + 3, bodies.size() - 3));
+    EXPECT_EQ(4u, log.Count(line, ANDROID_LOG_ERROR));
+    EXPECT_EQ(recordsBefore + 4, Occurrences(kavo::test::RecordedIpcErrors(), "ErrorCode: 4\n"));
+    EXPECT_EQ(oneByOne.getIpcPackageCount(), batched.getIpcPackageCount());
+    const std::string sent = Drain(&oneByOne);
+    EXPECT_TRUE(sent == Drain(&batched));
+    // What survived: the 5002 newest, numbers 10002 to 15003.
+    EXPECT_EQ(5002u * 16, sent.size());
+    EXPECT_EQ(kavo::test::PackageFrame(3, U32(10002)), sent.substr(0, 16));
+    EXPECT_EQ(kavo::test::PackageFrame(3, U32(15003)), sent.substr(sent.size() - 16));
+  });
+}
+
 TEST(IpcPackage, PackagesFitTheSendBufferWholeOrWait) {
   kavo::test::RunInNamespace([] {
     IpcPackageManager queue;

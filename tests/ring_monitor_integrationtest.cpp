@@ -1,14 +1,20 @@
 // The ring monitors against the real kernel side: a burst of forks reaches a
 // client whole, a ring that ran full is reported and cleared, the state
 // record shows the load when signal 50 asks for it, poll failures end a
-// monitor only when six come in a row, and stop() ends the monitors blocked
-// in their poll.
+// monitor only when six come in a row, stop() ends the monitors blocked in
+// their poll, and the programs wake a consumer that waits but not one that
+// says it is awake.
 
 #include <android-base/properties.h>
+#include <android-base/unique_fd.h>
 #include <android/log.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,6 +29,7 @@
 #include "support/kernel.h"
 #include "support/log_capture.h"
 #include "support/harness.h"
+#include "service/kavo_bpf_ring_wakeup.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
@@ -156,6 +163,83 @@ TEST(RingMonitor, Signal50WritesTheLoadIntoTheStateRecord) {
     EXPECT_GE(forks, 100);
     EXPECT_GT(polls, 0);
     StopService(service, log);
+  });
+}
+
+// Records of ring 0 as a consumer takes them, by the pid they are about.
+struct TakenRecords {
+  std::vector<std::pair<uint32_t, int32_t>> records;  // type, pid
+
+  static int Take(void* ctx, void* data, size_t size) {
+    if (size < sizeof(kavo_fork_event)) return 0;
+    kavo_fork_event record;
+    memcpy(&record, data, sizeof(record));
+    static_cast<TakenRecords*>(ctx)->records.emplace_back(record.header.type, record.pid);
+    return 0;
+  }
+  bool hasFork(pid_t pid) const {
+    for (const auto& [type, about] : records) {
+      if (type == KAVO_EVENT_TASK_CREATE && about == pid) return true;
+    }
+    return false;
+  }
+};
+
+TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
+  kavo::test::RunInNamespace([] {
+    std::string why;
+    if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
+    ASSERT_TRUE(kavo::test::LoadKernelSide(&why)) << why;
+    const std::string dir = KavoBpfService::BPF_PROG_DIR;
+    ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(dir, "KavoBpfDefineset", "sched_sched_process_fork", "sched",
+                                                 "sched_process_fork"),
+              0);
+    ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, true));
+
+    android::base::unique_fd ring(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
+    ASSERT_GE(ring.get(), 0);
+    TakenRecords taken;
+    struct ring_buffer* consumer = ring_buffer__new(ring.get(), TakenRecords::Take, &taken, nullptr);
+    ASSERT_NE(nullptr, consumer);
+    const int epollFd = ring_buffer__epoll_fd(consumer);
+    epoll_event event;
+    Kavo::Bpf::RingWakeup wakeup;
+    ASSERT_TRUE(wakeup.map(KavoBpfService::RINGBUF_CONSUMER_PATH[0], ring.get()));
+    android::base::unique_fd wordFd(bpf_obj_get(KavoBpfService::RINGBUF_CONSUMER_PATH[0].c_str()));
+    void* word = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, wordFd.get(), 0);
+    ASSERT_NE(MAP_FAILED, word);
+
+    // A consumer busy with what it has: the programs see it awake for good.
+    *static_cast<volatile uint64_t*>(word) = UINT64_MAX;
+    for (int settle = 0; settle < 2; ++settle) {
+      // Take what came before, and any wake-up it raised.
+      do {
+        ring_buffer__consume(consumer);
+      } while (epoll_wait(epollFd, &event, 1, 0) > 0);
+      std::this_thread::sleep_for(10ms);
+    }
+    const pid_t unwoken = kavo::test::ForkAndReapChildren(1).at(0);
+    EXPECT_EQ(0, epoll_wait(epollFd, &event, 1, 200)) << "a record woke a consumer that is awake";
+    // Its record is there all the same, for the consumer's look before it waits.
+    EXPECT_TRUE(wakeup.beforeWait());
+    EXPECT_EQ(0u, *static_cast<volatile uint64_t*>(word));
+    ring_buffer__consume(consumer);
+    EXPECT_TRUE(taken.hasFork(unwoken));
+
+    // Waiting now: once its look found nothing, the next record wakes it.
+    bool pending = true;
+    for (int look = 0; look < 1000 && (pending = wakeup.beforeWait()); ++look) ring_buffer__consume(consumer);
+    ASSERT_FALSE(pending) << "records kept coming";
+    const pid_t woken = kavo::test::ForkAndReapChildren(1).at(0);
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          if (epoll_wait(epollFd, &event, 1, 100) > 0) ring_buffer__consume(consumer);
+          return taken.hasFork(woken);
+        },
+        10s))
+        << "the consumer was not woken for its record";
+    munmap(word, 4096);
+    ring_buffer__free(consumer);
   });
 }
 

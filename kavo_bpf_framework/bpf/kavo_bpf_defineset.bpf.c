@@ -123,7 +123,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx) {
   record->uid = (__s32)(bpf_get_current_uid_gid() & 0xffffffff);
   /* The child still carries the parent's name at this point. */
   bpf_get_current_comm(record->comm, sizeof(record->comm));
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 
@@ -142,7 +142,7 @@ int sched_sched_process_exit(void *ctx) {
   record->pid = tgid;
   record->kind = group_dead ? KAVO_TASK_PROCESS : KAVO_TASK_THREAD;
   bpf_get_current_comm(record->comm, sizeof(record->comm));
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 
@@ -159,7 +159,7 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx) {
   record->pid = kavo_current_tgid();
   record->member = ctx->member;
   record->size = ctx->size;
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 
@@ -220,7 +220,7 @@ static __always_inline int kavo_fd_installed(void) {
   record->fd_count = count;
   record->reported_fd_count = reported;
   bpf_get_current_comm(record->comm, sizeof(record->comm));
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 

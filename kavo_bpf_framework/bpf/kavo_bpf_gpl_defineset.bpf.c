@@ -133,7 +133,7 @@ static __always_inline void kavo_emit_update(__s32 pid, __u32 action, __u64 inod
   record->size = size;
   record->process_total = total;
   if (pid == kavo_current_tgid()) bpf_get_current_comm(record->comm, sizeof(record->comm));
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
 }
 
 /* ---- Sweeps over process_inode_map ----------------------------------------- */
@@ -197,7 +197,7 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate *ctx) {
   record->dst_id = ctx->dst_id;
   kavo_read_data_loc(record->comm, sizeof(record->comm), ctx, ctx->__data_loc_comm);
   kavo_read_data_loc(record->dst_path, sizeof(record->dst_path), ctx, ctx->__data_loc_dst_path);
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 
@@ -224,7 +224,7 @@ static __always_inline int kavo_dmabuf_exported(struct dma_buf *dmabuf, struct f
   record->size = size;
   record->process_total = charged;
   bpf_get_current_comm(record->comm, sizeof(record->comm));
-  bpf_ringbuf_submit(record, 0);
+  kavo_submit(record);
   return 0;
 }
 

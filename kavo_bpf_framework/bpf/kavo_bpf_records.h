@@ -236,6 +236,13 @@ enum kavo_ring_status_key {
  * reserve since it was loaded; mapped read-only by the service. */
 #define KAVO_RING_LOST_KEY 0
 
+/* ringbuf_consumer: one u64 (key 0), written by the ring's consumer through
+ * a shared mapping: the boot time in ns (the records' clock) until which it
+ * is awake and will look at the ring again before it waits; 0 while it
+ * waits, or when it does not say. Records stamped before that time are
+ * submitted without waking it (kavo_bpf_ring.bpf.h). */
+#define KAVO_RING_CONSUMER_KEY 0
+
 /* open_fd_caller_map: key s32 pid. The program on fd_install counts each
  * install and, once the count moved KAVO_FD_REPORT_STEP from the last report,
  * recounts the descriptor table and writes a type-6 record if the exact count

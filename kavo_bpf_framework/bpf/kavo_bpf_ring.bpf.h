@@ -26,6 +26,26 @@
  * it learns of a loss without a system call on its hot path. Only a failed
  * reservation touches it, so the atomic add costs nothing while the ring keeps
  * up.
+ *
+ * Waking the consumer (`ringbuf_consumer`, ARRAY of one u64, BPF_F_MMAPABLE):
+ * the ring wakes its consumer for a record submitted while the consumer has
+ * read everything before it, and a wake-up costs the producing task an
+ * interrupt it raises on its own CPU (irq_work) and the consumer's CPU
+ * another. A busy consumer catches up record after record, so most records
+ * would wake a consumer that is running anyway. The consumer therefore writes
+ * into this word the boot time until which it is awake and will look at the
+ * ring again before it waits, and 0 before it waits; a record stamped before
+ * that time is submitted without a wake-up. Neither side can miss the other:
+ *
+ *   producer: reserve (moves producer_pos); fetching atomic add (ring_stats,
+ *             a full barrier); read the word; submit
+ *   consumer: write 0 (full barrier); read producer_pos; wait only if it
+ *             equals its own position, else consume
+ *
+ * Either the producer sees 0 and wakes it as before, or the consumer sees the
+ * record and does not wait. A consumer that never writes the word leaves it
+ * 0 (as loaded): every record may wake it, as it always could; one that
+ * stopped while awake is woken again once its time has passed.
  */
 #ifndef KAVO_BPF_RING_BPF_H
 #define KAVO_BPF_RING_BPF_H
@@ -65,8 +85,16 @@ struct {
   __type(value, __u64);
 } ringbuf_lost SEC(".maps");
 
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(map_flags, BPF_F_MMAPABLE);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} ringbuf_consumer SEC(".maps");
+
 /* Records written and lost per type, per CPU (see KAVO_RING_STATS_KEYS):
- * a per-CPU add, so counting costs no atomic and no shared cache line. */
+ * an add to this CPU's own counter, so counting shares no cache line. */
 struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
   __uint(max_entries, KAVO_RING_STATS_KEYS);
@@ -77,6 +105,18 @@ struct {
 static __always_inline void kavo_count_record(__u32 key) {
   __u64 *count = bpf_map_lookup_elem(&ring_stats, &key);
   if (count != NULL) *count += 1;
+}
+
+/* The same as a fetching atomic add: a full barrier on every architecture
+ * (lock xadd, ldaddal), uncontended since the counter is this CPU's. It
+ * orders the reservation before the look at the consumer (kavo_submit). */
+static __always_inline void kavo_count_record_ordered(__u32 key) {
+  __u64 *count = bpf_map_lookup_elem(&ring_stats, &key);
+  if (count == NULL) return;
+  __u64 before = __sync_fetch_and_add(count, 1);
+  /* Keeps the fetching form: without a use of the old value the compiler
+   * emits a plain atomic add, which orders nothing on arm64. */
+  asm volatile("" : : "r"(before));
 }
 
 static __always_inline __u64 *kavo_control_word(void) {
@@ -122,8 +162,19 @@ static __always_inline void *kavo_reserve(__u32 type, __u64 size) {
   header->type = type;
   header->time_ns = bpf_ktime_get_boot_ns();
   /* Every reservation is submitted: counting it here counts the record. */
-  kavo_count_record(type & 7);
+  kavo_count_record_ordered(type & 7);
   return header;
+}
+
+/* Submits a record from kavo_reserve(), waking the consumer only when it may
+ * be waiting (see "Waking the consumer" above). */
+static __always_inline void kavo_submit(void *record) {
+  struct kavo_event_header *header = record;
+  __u32 zero = KAVO_RING_CONSUMER_KEY;
+  __u64 *awake_until = bpf_map_lookup_elem(&ringbuf_consumer, &zero);
+  __u64 flags = 0;
+  if (awake_until != NULL && header->time_ns < *(volatile __u64 *)awake_until) flags = BPF_RB_NO_WAKEUP;
+  bpf_ringbuf_submit(record, flags);
 }
 
 #define KAVO_RESERVE(type, record) ((record *)kavo_reserve((type), sizeof(record)))

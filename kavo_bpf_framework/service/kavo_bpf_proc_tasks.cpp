@@ -6,6 +6,7 @@
 
 #include "service/kavo_bpf_proc_tasks.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <limits>
 #include <string_view>
-#include <vector>
 
 #include "service/kavo_bpf_service.h"
 #include "utils/kavo_bpf_file.h"
@@ -29,10 +29,34 @@ constexpr size_t kStatStartTimeField = 21;
 // A fork record is stamped within a tick of the kernel's start time.
 constexpr long long kStartToleranceTicks = 1;
 
-bool StartsWithPrefixAnywhere(std::string_view line, const std::string& prefix, std::string_view* value) {
-  if (line.find(prefix) == std::string_view::npos) return false;
-  *value = line.substr(std::min(prefix.size(), line.size()));
-  return true;
+// The status prefixes the scan takes, in the order it tests them.
+enum StatusField { kName, kPpid, kRssAnon, kRssFile, kRssShmem, kVmSwap, kUid, kStatusFields, kNoField = -1 };
+const std::string* const kStatusPrefixes[kStatusFields] = {
+    &KavoBpfService::TASK_COMM_PREFIX,     &KavoBpfService::TASK_PPID_PREFIX,
+    &KavoBpfService::TASK_RSS_ANON_PREFIX, &KavoBpfService::TASK_RSS_FILE_PREFIX,
+    &KavoBpfService::TASK_RSS_SHMEM_PREFIX, &KavoBpfService::TASK_VM_SWAP_PREFIX,
+    &KavoBpfService::TASK_PROC_UID_PREFIX};
+
+// The first prefix, in test order, that occurs anywhere in |line|. Every
+// prefix is a label ending in ":\t" with no other ':' or tab in it, so it
+// occurs exactly where its label ends at an occurrence of ":\t": one look for
+// the tab (a status line has one) instead of a search per prefix.
+int FirstPrefixIn(std::string_view line) {
+  int found = kNoField;
+  for (size_t tab = line.find('\t'); tab != std::string_view::npos; tab = line.find('\t', tab + 1)) {
+    if (tab == 0 || line[tab - 1] != ':') continue;
+    const std::string_view through = line.substr(0, tab + 1);
+    const int tested = found == kNoField ? kStatusFields : found;
+    for (int field = 0; field < tested; ++field) {
+      const std::string& prefix = *kStatusPrefixes[field];
+      if (through.size() >= prefix.size() &&
+          through.compare(through.size() - prefix.size(), prefix.size(), prefix) == 0) {
+        found = field;
+        break;
+      }
+    }
+  }
+  return found;
 }
 
 // "1234 kB" as bytes, the way the platform has always computed it: a 32-bit
@@ -45,57 +69,101 @@ bool KbToBytes(std::string_view text, __s64* bytes) {
   return true;
 }
 
-bool ReadStatus(const std::string& pidName, kavo_task_init_event* event) {
-  std::string path = StringPrintf(KavoBpfService::TASK_STATUS_TEMPLATE.c_str(), pidName.c_str());
-  return ForEachLine(path.c_str(), [event](std::string_view line) {
-    std::string_view value;
+// The process's file |name| ("status", "stat") into |text|, its path made
+// from |pathTemplate| ("/proc/%s/status") without allocating.
+bool ReadProcFile(const std::string& pathTemplate, const std::string& pidName, std::string* text) {
+  char path[64];
+  int length = snprintf(path, sizeof(path), pathTemplate.c_str(), pidName.c_str());
+  if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) {
+    return ReadWholeFile(StringPrintf(pathTemplate.c_str(), pidName.c_str()).c_str(), text);
+  }
+  return ReadWholeFile(path, text);
+}
+
+bool ReadStatus(const std::string& pidName, kavo_task_init_event* event, std::string* text) {
+  if (!ReadProcFile(KavoBpfService::TASK_STATUS_TEMPLATE, pidName, text)) return false;
+  ForEachLine(std::string_view(*text), [event](std::string_view line) {
+    const int field = FirstPrefixIn(line);
+    if (field == kNoField) return LineAction::kContinue;
+    // The value stands in the fixed column after the prefix.
+    const std::string_view value = line.substr(std::min(kStatusPrefixes[field]->size(), line.size()));
     long long number;
-    if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_COMM_PREFIX, &value)) {
-      memcpy(event->comm, value.data(), std::min(value.size(), sizeof(event->comm)));
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_PPID_PREFIX, &value)) {
-      if (ParseDecimal(value, &number)) event->ppid = static_cast<int32_t>(number);
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_RSS_ANON_PREFIX, &value)) {
-      KbToBytes(value, &event->rss_anon);
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_RSS_FILE_PREFIX, &value)) {
-      KbToBytes(value, &event->rss_file);
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_RSS_SHMEM_PREFIX, &value)) {
-      KbToBytes(value, &event->rss_shmem);
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_VM_SWAP_PREFIX, &value)) {
-      KbToBytes(value, &event->rss_swap);
-    } else if (StartsWithPrefixAnywhere(line, KavoBpfService::TASK_PROC_UID_PREFIX, &value)) {
-      if (ParseDecimal(value, &number)) event->uid = static_cast<int32_t>(number);  // real uid
+    switch (field) {
+      case kName:
+        memcpy(event->comm, value.data(), std::min(value.size(), sizeof(event->comm)));
+        break;
+      case kPpid:
+        if (ParseDecimal(value, &number)) event->ppid = static_cast<int32_t>(number);
+        break;
+      case kRssAnon:
+        KbToBytes(value, &event->rss_anon);
+        break;
+      case kRssFile:
+        KbToBytes(value, &event->rss_file);
+        break;
+      case kRssShmem:
+        KbToBytes(value, &event->rss_shmem);
+        break;
+      case kVmSwap:
+        KbToBytes(value, &event->rss_swap);
+        break;
+      case kUid:
+        if (ParseDecimal(value, &number)) event->uid = static_cast<int32_t>(number);  // real uid
+        break;
     }
     return LineAction::kContinue;
   });
+  return true;
 }
 
+// Field |index| of a stat line, counting from 0 with blanks as separators
+// (runs of blanks count as one, as Split takes them); empty when absent.
+class StatFields {
+ public:
+  // After the name's closing parenthesis when there is one: a name may hold
+  // blanks. Fields 0 and 1 (pid and name) are then not read.
+  explicit StatFields(std::string_view line) {
+    const size_t close = line.rfind(')');
+    if (close != std::string_view::npos) {
+      rest_ = line.substr(close + 1);
+      first_ = 2;
+    } else {
+      rest_ = line;
+      first_ = 0;
+    }
+  }
+  // The fields from |index| on must be asked for in increasing order.
+  std::string_view next(size_t index) {
+    while (true) {
+      const size_t start = rest_.find_first_not_of(' ');
+      if (start == std::string_view::npos) return {};
+      rest_.remove_prefix(start);
+      const size_t end = std::min(rest_.find(' '), rest_.size());
+      const std::string_view field = rest_.substr(0, end);
+      rest_.remove_prefix(end);
+      if (first_++ == index) return field;
+    }
+  }
+
+ private:
+  std::string_view rest_;
+  size_t first_;
+};
+
 // State, thread count and start time from the stat file.
-bool ReadStat(const std::string& pidName, ProcTask* task) {
-  std::string path = StringPrintf(KavoBpfService::TASK_STAT_TEMPLATE.c_str(), pidName.c_str());
-  ScopedFile stat = OpenForRead(path.c_str());
-  if (!stat) return false;
-  std::string firstLine;
-  ForEachLine(stat.get(), [&firstLine](std::string_view line) {
-    firstLine.assign(line);
-    return LineAction::kStop;
-  });
-  std::vector<std::string> fields;
-  size_t close = firstLine.rfind(')');
-  if (close != std::string::npos) {
-    fields = {"", ""};  // pid and name, not read here
-    for (std::string& field : Split(firstLine.substr(close + 1), " ")) fields.push_back(std::move(field));
-  } else {
-    fields = Split(firstLine, " ");
-  }
-  if (fields.size() > kStatStateField && fields[kStatStateField].size() == 1) {
-    task->state = fields[kStatStateField][0];
-  }
-  if (fields.size() <= kStatStartTimeField) return true;
+bool ReadStat(const std::string& pidName, ProcTask* task, std::string* text) {
+  if (!ReadProcFile(KavoBpfService::TASK_STAT_TEMPLATE, pidName, text)) return false;
+  std::string_view line(*text);
+  line = line.substr(0, line.find('\n'));
+  StatFields fields(line);
+  const std::string_view state = fields.next(kStatStateField);
+  if (state.size() == 1) task->state = state[0];
+  const std::string_view threadsField = fields.next(kStatThreadsField);
+  const std::string_view startField = fields.next(kStatStartTimeField);
+  if (startField.empty()) return true;  // too few fields: neither is taken
   long long threads, startTicks;
-  if (ParseDecimal(fields[kStatThreadsField], &threads)) {
-    task->event.thread_count = static_cast<int32_t>(threads);
-  }
-  if (ParseDecimal(fields[kStatStartTimeField], &startTicks)) {
+  if (ParseDecimal(threadsField, &threads)) task->event.thread_count = static_cast<int32_t>(threads);
+  if (ParseDecimal(startField, &startTicks)) {
     task->startTicks = startTicks;
     long ticksPerSecond = sysconf(_SC_CLK_TCK);
     task->event.start_time = GetBasetime() + (ticksPerSecond > 0 ? startTicks / ticksPerSecond : 0);
@@ -103,22 +171,32 @@ bool ReadStat(const std::string& pidName, ProcTask* task) {
   return true;
 }
 
-}  // namespace
-
-bool ReadProcTask(const std::string& pidName, ProcTask* task) {
+// ReadProcTask with the caller's scratch text, reused from one process to
+// the next.
+bool ReadProcTask(const std::string& pidName, ProcTask* task, std::string* text) {
   *task = ProcTask();
   task->event.header.type = KAVO_EVENT_TASK_INIT;
   task->event.header.time_ns = GetSystemBootNanosencondsTime();
   task->event.pid = atoi(pidName.c_str());
   // A process that ended since the listing has no files left.
-  return ReadStatus(pidName, &task->event) && ReadStat(pidName, task);
+  return ReadStatus(pidName, &task->event, text) && ReadStat(pidName, task, text);
+}
+
+}  // namespace
+
+bool ReadProcTask(const std::string& pidName, ProcTask* task) {
+  std::string text;
+  return ReadProcTask(pidName, task, &text);
 }
 
 void ForEachProcTask(const std::function<void(const ProcTask&)>& visit) {
   ProcTask task;
-  ForEachDirEntry(KavoBpfService::PROC_FS_PATH.c_str(), [&task, &visit](const char* entry) {
-    std::string pidName(entry);
-    if (IsDigits(pidName) && ReadProcTask(pidName, &task)) visit(task);
+  std::string text;
+  std::string pidName;
+  ForEachDirEntry(KavoBpfService::PROC_FS_PATH.c_str(), [&](const char* entry) {
+    if (!IsDigits(entry)) return LineAction::kContinue;
+    pidName.assign(entry);
+    if (ReadProcTask(pidName, &task, &text)) visit(task);
     return LineAction::kContinue;
   });
 }

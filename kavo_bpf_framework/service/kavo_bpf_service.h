@@ -169,6 +169,9 @@ class KAVO_EXPORT KavoBpfService {
   // per-CPU record counters.
   static const std::string RINGBUF_LOST_PATH[kRingCount];
   static const std::string RING_STATS_PATH[kRingCount];
+  // Each set's word through which the ring's consumer says it is awake
+  // (mmapable; see kavo_bpf_ring_wakeup.h).
+  static const std::string RINGBUF_CONSUMER_PATH[kRingCount];
   // Names of the raw event types 0..7, as the state record and clients use them.
   static const char* const EVENT_TYPE_NAMES[KAVO_EVENT_RAW_MAX + 1];
 

@@ -83,6 +83,10 @@ const std::string KavoBpfService::RINGBUF_LOST_PATH[kRingCount] = {
     "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ringbuf_lost",
     "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ringbuf_lost",
 };
+const std::string KavoBpfService::RINGBUF_CONSUMER_PATH[kRingCount] = {
+    "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ringbuf_consumer",
+    "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ringbuf_consumer",
+};
 const std::string KavoBpfService::RING_STATS_PATH[kRingCount] = {
     "/sys/fs/bpf/kavo/map_KavoBpfDefineset_ring_stats",
     "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_ring_stats",

@@ -16,6 +16,18 @@
 // returns, after which the loop sees the cleared running flag. The ring-0
 // monitor watches supervisionEventFd the same way.
 //
+// Waking: the ring wakes a monitor only while it may be waiting
+// (RingWakeup): from the first record a poll call hands over until the
+// monitor is about to wait again, producers submit without a wake-up. Under
+// load that is one wake-up per burst of records instead of one per record
+// that found the monitor caught up, and each wake-up is an interrupt on the
+// producer's CPU. Before it waits the monitor looks whether records came
+// meanwhile, and then consumes them instead of waiting.
+//
+// Forwarding: the monitor forwards the records and derived events of a poll
+// call in batches (EventManager::BatchScope), and hands over what is left
+// before it waits, so the clients' writer is woken once per batch.
+//
 // Lost records: ring 0 carries the fork and exit records the task table
 // follows. When its watch (kavo_bpf_ring_loss.h) reports that records were
 // lost and the loss is over, the monitor consumes what the ring still holds
@@ -35,6 +47,7 @@
 
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_ring_loss.h"
+#include "service/kavo_bpf_ring_wakeup.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
@@ -55,9 +68,11 @@ constexpr int kMaxPollErrorsBeforeExit = 5;
 constexpr int kPollErrorPauseMs = 1000;
 constexpr time_t kStatusCheckPeriodSeconds = 30;
 
-// libbpf hands the size as size_t; records are far below 4 GiB.
+// libbpf hands the size as size_t; records are far below 4 GiB. |ctx| is the
+// ring's RingWakeup.
 int OnRingSample(void* ctx, void* data, size_t size) {
-  return KavoBpfService::handleBpfRingBuffEvent(ctx, data, static_cast<unsigned int>(size));
+  static_cast<RingWakeup*>(ctx)->onRecord();
+  return KavoBpfService::handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned int>(size));
 }
 
 struct RingBufferFree {
@@ -114,7 +129,14 @@ int KavoBpfService::monitorRing(int ring) {
     ringStatusFds[ring] = std::move(statusFd);
   }
 
-  RingBufferPtr poller(ring_buffer__new(ringMapFd, OnRingSample, nullptr, nullptr));
+  // Declared before the poller: it must outlive the poller's callbacks.
+  RingWakeup wakeup;
+  if (!wakeup.map(RINGBUF_CONSUMER_PATH[ring], ringMapFd)) {
+    __android_log_print(ANDROID_LOG_WARN, kTag,
+                        "[KavoBpfService][%s] KAVOBPF: no consumer word (%s), every record may wake the monitor",
+                        name, strerror(errno));
+  }
+  RingBufferPtr poller(ring_buffer__new(ringMapFd, OnRingSample, &wakeup, nullptr));
   if (!poller) {
     __android_log_print(
         ANDROID_LOG_ERROR, kTag,
@@ -149,6 +171,7 @@ int KavoBpfService::monitorRing(int ring) {
     }
   }
 
+  EventManager::BatchScope forwarding;
   // Core producers first, so that no process born during the seeding is
   // missed; records they write meanwhile wait in the ring.
   enableCoreBpf(ring, true);
@@ -161,11 +184,16 @@ int KavoBpfService::monitorRing(int ring) {
 
   int consecutiveErrors = 0;
   while (true) {
+    // Nothing waits in a batch while the monitor waits.
+    forwarding.flush();
     if (!isRunning()) {
       __android_log_print(ANDROID_LOG_WARN, kTag, "%s", kStopMessages[ring]);
       return 0;
     }
-    int result = ring_buffer__poll(poller.get(), lossWatch.pollTimeoutMs());
+    // Records that came without a wake-up are taken at once; the poll would
+    // wait for the next wake-up.
+    int result = wakeup.beforeWait() ? ring_buffer__consume(poller.get())
+                                     : ring_buffer__poll(poller.get(), lossWatch.pollTimeoutMs());
     if (result >= 0) {
       KavoBpfDataState::GetInstance()->RecordEvent(KavoBpfDataState::kPollCounter, 1);
       checkBpfRingBuffStatus(ring, false);

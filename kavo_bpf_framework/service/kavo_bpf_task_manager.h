@@ -19,6 +19,7 @@
 #include <string>
 
 #include "bpf/kavo_bpf_records.h"
+#include "service/kavo_bpf_node_pool.h"
 #include "utils/kavo_bpf_export.h"
 
 namespace Kavo::Bpf {
@@ -84,7 +85,8 @@ class KAVO_EXPORT KavoTaskManager {
   KavoTaskManager() = default;
   void dump(bool skipKernelTasks, bool fullColumns, bool reportOpenFailure);
 
-  std::map<int32_t, KavoTask> tasks;
+  // Its nodes come from a pool: a busy device holds thousands of tasks.
+  std::map<int32_t, KavoTask, std::less<int32_t>, NodePoolAllocator<std::pair<const int32_t, KavoTask>>> tasks;
   std::map<uint32_t, KavoTask*> mmIdIndex;
   std::map<uint32_t, KavoTask> rssTempTasks;
 

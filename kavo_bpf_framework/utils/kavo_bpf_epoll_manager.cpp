@@ -28,8 +28,7 @@ constexpr auto kWaitFailurePause = std::chrono::milliseconds(100);
 EpollManager::EpollManager(int size, int maxEvents, std::function<int()> initFunc,
                            const char* threadName, cpu_set_t cpus, int timeout)
     : cpuSet_(cpus),
-      threadName_(threadName != nullptr ? threadName : kDefaultName),
-      writeSlots_(std::make_unique<WriteSlot[]>(kWriteSlots)) {
+      threadName_(threadName != nullptr ? threadName : kDefaultName) {
   if (CPU_COUNT(&cpuSet_) == 0) {
     __android_log_print(ANDROID_LOG_ERROR, threadName_, "[EpollManager] cpu affinity invalid!");
     CPU_SET(0, &cpuSet_);
@@ -67,6 +66,7 @@ EpollManager::~EpollManager() {
   controlFd_.reset();
   callbacks_.clear();
   initFunc_ = nullptr;
+  for (std::atomic<WriteSlot*>& chunk : writeSlots_) delete[] chunk.load();
 }
 
 void EpollManager::start() {
@@ -107,6 +107,9 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback callback) {
   Registration& registration = callbacks_[fd];
   registration.callbacks = std::move(shared);
   registration.events = mask;
+  if (fd >= 0 && fd < kWriteSlots && slotOf(fd) == nullptr) {
+    writeSlots_[fd / kSlotsPerChunk].store(new WriteSlot[kSlotsPerChunk], std::memory_order_release);
+  }
   if (WriteSlot* slot = slotOf(fd)) slot->armed.store(false);
   return true;
 }

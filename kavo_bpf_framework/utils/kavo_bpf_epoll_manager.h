@@ -100,7 +100,14 @@ class KAVO_EXPORT EpollManager {
     std::atomic<bool> armed{false};
   };
   static constexpr int kWriteSlots = 1024;
-  WriteSlot* slotOf(int fd) { return fd >= 0 && fd < kWriteSlots ? &writeSlots_[fd] : nullptr; }
+  // Slots come in chunks, made when the first fd of their range is added:
+  // a few connections cost a chunk or two, not the whole table.
+  static constexpr int kSlotsPerChunk = 64;
+  WriteSlot* slotOf(int fd) {
+    if (fd < 0 || fd >= kWriteSlots) return nullptr;
+    WriteSlot* chunk = writeSlots_[fd / kSlotsPerChunk].load(std::memory_order_acquire);
+    return chunk != nullptr ? &chunk[fd % kSlotsPerChunk] : nullptr;
+  }
   // The fd's write requests so far; with the mutex held.
   uint64_t writeRequestsOf(int fd, const Registration& registration);
 
@@ -125,6 +132,8 @@ class KAVO_EXPORT EpollManager {
   int timeout_;
   std::vector<epoll_event> events_;
   std::map<int, Registration> callbacks_;  // guarded by mutex_
-  std::unique_ptr<WriteSlot[]> writeSlots_;
+  // Chunks of slots by fd / kSlotsPerChunk; set under mutex_, never cleared
+  // while the manager lives.
+  std::atomic<WriteSlot*> writeSlots_[kWriteSlots / kSlotsPerChunk] = {};
   std::function<int()> initFunc_;
 };

@@ -1,7 +1,13 @@
 #include "utils/kavo_bpf_file.h"
 
+#include <android-base/unique_fd.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 namespace Kavo::Bpf {
 
@@ -23,6 +29,35 @@ bool ForEachLine(const char* path, const std::function<LineAction(std::string_vi
   ScopedFile file = OpenForRead(path);
   if (!file) return false;
   ForEachLine(file.get(), visit);
+  return true;
+}
+
+void ForEachLine(std::string_view text, const std::function<LineAction(std::string_view)>& visit) {
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    if (visit(text.substr(0, end)) == LineAction::kStop || end == std::string_view::npos) return;
+    text.remove_prefix(end + 1);
+  }
+}
+
+bool ReadWholeFile(const char* path, std::string* text) {
+  constexpr size_t kLeastRoom = 4096;
+  android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) return false;
+  text->resize(std::max(text->capacity(), kLeastRoom));
+  size_t length = 0;
+  while (true) {
+    ssize_t n = read(fd.get(), &(*text)[length], text->size() - length);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      text->clear();
+      return false;
+    }
+    length += static_cast<size_t>(n);
+    if (n == 0 || length < text->size()) break;
+    text->resize(2 * text->size());
+  }
+  text->resize(length);
   return true;
 }
 

@@ -86,6 +86,18 @@ void ForEachLine(FILE* file, const std::function<LineAction(std::string_view)>& 
 // Opens |path| and reads it as above. False (errno set) when it cannot be opened.
 bool ForEachLine(const char* path, const std::function<LineAction(std::string_view)>& visit);
 
+// The same over text already in memory.
+void ForEachLine(std::string_view text, const std::function<LineAction(std::string_view)>& visit);
+
+// Reads the regular or /proc file at |path| whole into |text|, replacing what
+// it held: one open, one read into the room |text| already has (4 KiB at
+// least; more reads only for a bigger file), one close. A /proc file is made
+// whole for its first read, and a read of a regular file comes back short
+// only at its end, so a short read ends the file. Reusing one string for
+// many files allocates nothing. False (errno set) when the file cannot be
+// opened or read.
+bool ReadWholeFile(const char* path, std::string* text);
+
 // mkdir -p with |mode| for every missing directory; existing ones are fine.
 void MakeDirs(const std::string& path, mode_t mode);
 

@@ -8,6 +8,10 @@ namespace {
 
 // A page-friendly size that holds a few hundred event frames.
 constexpr size_t kBlockBytes = 16384;
+// A queue's first block: room for a few responses and events. Most clients
+// never need more, and a block this small shares its page with other small
+// allocations instead of taking a page of its own per connection.
+constexpr size_t kFirstBlockBytes = 512;
 constexpr size_t kSizeBytes = sizeof(uint32_t);
 
 }  // namespace
@@ -20,7 +24,10 @@ FrameQueue::Block FrameQueue::newBlock(size_t frameBytes) {
     return block;
   }
   Block block;
-  block.capacity = std::max(kBlockBytes, frameBytes);
+  // The first block a queue ever makes (nothing held, nothing spare) is small.
+  const bool first = blocks_.empty() && !grown_;
+  block.capacity = std::max(first ? kFirstBlockBytes : kBlockBytes, frameBytes);
+  if (!first) grown_ = true;
   // Not value-initialised: pages are touched only when frames are written.
   block.bytes.reset(new char[block.capacity]);
   return block;
@@ -54,10 +61,18 @@ const char* FrameQueue::frontBytes() const {
   return blocks_.front().bytes.get() + blocks_.front().head + kSizeBytes;
 }
 
-void FrameQueue::pop() {
+void FrameQueue::pop() { popRun(1, kSizeBytes + frontSize()); }
+
+const char* FrameQueue::frontRun(size_t* bytes) const {
+  const Block& block = blocks_.front();
+  *bytes = block.tail - block.head;
+  return block.bytes.get() + block.head;
+}
+
+void FrameQueue::popRun(size_t frames, size_t bytes) {
   Block& block = blocks_.front();
-  block.head += kSizeBytes + frontSize();
-  --count_;
+  block.head += bytes;
+  count_ -= frames;
   if (block.head != block.tail) return;
   if (blocks_.size() == 1) {
     // The only block, now empty: the next frame starts it over.
@@ -65,7 +80,7 @@ void FrameQueue::pop() {
     return;
   }
   recycle(std::move(block));
-  blocks_.pop_front();
+  blocks_.erase(blocks_.begin());
 }
 
 void FrameQueue::recycle(Block block) {

@@ -8,7 +8,8 @@
 //           head (h): the oldest frame      tail (t): where the next one goes
 //
 // Frames never straddle two blocks; a frame bigger than a block gets a block
-// of its own. A queue that runs empty keeps its block and starts it over, and
+// of its own. A queue's first block is small (a few responses and events);
+// once it needs more, its blocks are the standard size. A queue that runs empty keeps its block and starts it over, and
 // keeps one drained block aside for the next one it needs, so a steady
 // stream of packages costs no allocation and a package is copied once in and
 // once out. Blocks are allocated without being cleared, so an idle queue's
@@ -19,8 +20,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <deque>
 #include <memory>
+#include <vector>
 
 class FrameQueue {
  public:
@@ -32,6 +33,15 @@ class FrameQueue {
   const char* frontBytes() const;
   // Drops the oldest frame. Only when !empty().
   void pop();
+
+  // The frames of the front block from the oldest on, as stored (each its
+  // u32 size, then its bytes): where they begin and how many bytes of whole
+  // frames follow. Copying a run of them is copying their frames as they go
+  // on the wire. Only when !empty().
+  const char* frontRun(size_t* bytes) const;
+  // Drops the oldest |frames| frames, which are the first |bytes| bytes of
+  // frontRun(). Only with frames of the front block.
+  void popRun(size_t frames, size_t bytes);
 
   size_t count() const { return count_; }
   bool empty() const { return count_ == 0; }
@@ -48,7 +58,9 @@ class FrameQueue {
   // Keeps a drained standard block as the spare, when there is none yet.
   void recycle(Block block);
 
-  std::deque<Block> blocks_;
+  // Oldest first; rarely more than a few, so dropping the front is cheap.
+  std::vector<Block> blocks_;
   Block spare_;  // a drained block of the standard size, or none
   size_t count_ = 0;
+  bool grown_ = false;  // a block of the standard size was ever made
 };

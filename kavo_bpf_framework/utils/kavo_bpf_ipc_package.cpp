@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "utils/kavo_bpf_ipc_error.h"
 #include "utils/kavo_bpf_helper_string.h"
@@ -143,27 +144,64 @@ void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned size) {
 
 template <typename Fill>
 void IpcPackageManager::enqueue(uint32_t size, int errorCode, const char* logFormat, const Fill& fill) {
-  size_t trimmedFrom = 0;
+  size_t trimmedFrom;
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (queue_.count() > kQueueHighWater) {
-      // A client that stopped reading: keep the newest packages.
-      trimmedFrom = queue_.count();
-      while (queue_.count() > kQueueTrimTarget) queue_.pop();
-    }
+    trimmedFrom = trimLocked();
     // Built in place: the bytes are copied once, from the caller's record
     // (a few dozen bytes for an event) into the queue's storage.
     fill(queue_.push(size));
     count_.store(queue_.count(), std::memory_order_relaxed);
     cond_.notify_all();
   }
-  // The record rewrites a file: not while producers wait for the queue.
-  if (trimmedFrom != 0) {
-    RecordIpcError(
-        errorCode,
-        Kavo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(kQueueHighWater)));
-    __android_log_print(ANDROID_LOG_ERROR, kTag, logFormat, trimmedFrom);
+  ReportTrim(trimmedFrom, errorCode, logFormat);
+}
+
+size_t IpcPackageManager::trimLocked() {
+  if (queue_.count() <= kQueueHighWater) return 0;
+  // A client that stopped reading: keep the newest packages.
+  const size_t trimmedFrom = queue_.count();
+  while (queue_.count() > kQueueTrimTarget) queue_.pop();
+  return trimmedFrom;
+}
+
+void IpcPackageManager::ReportTrim(size_t trimmedFrom, int errorCode, const char* logFormat) {
+  // The record rewrites a file: never while producers wait for the queue.
+  if (trimmedFrom == 0) return;
+  RecordIpcError(errorCode,
+                 Kavo::Bpf::StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(kQueueHighWater)));
+  __android_log_print(ANDROID_LOG_ERROR, kTag, logFormat, trimmedFrom);
+}
+
+bool IpcPackageManager::buildAndAppendSecondIpcPackages(unsigned type, const KavoIpcBytes* bodies,
+                                                        size_t count) {
+  if (type > KAVO_IPC_RAW_EVENT) return false;
+  constexpr char kLogFormat[] = "[AppendSecondIpc] ipc Package Queue too big: %zu";
+  // Trims are rare (a client that stopped reading): this allocates only then.
+  std::vector<size_t> trims;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (size_t i = 0; i < count; ++i) {
+      const KavoIpcBytes& body = bodies[i];
+      if (body.size > UINT32_MAX - kSecondLevelHeaderSize) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "[AppendSecondIpc] ipc package too big: %u", body.size);
+        continue;
+      }
+      if (size_t trimmedFrom = trimLocked()) trims.push_back(trimmedFrom);
+      char* p = queue_.push(kSecondLevelHeaderSize + body.size);
+      PutU32(p, type);
+      PutU32(p + 4, body.size);
+      if (body.data != nullptr) {
+        memcpy(p + kSecondLevelHeaderSize, body.data, body.size);
+      } else {
+        memset(p + kSecondLevelHeaderSize, 0, body.size);
+      }
+    }
+    count_.store(queue_.count(), std::memory_order_relaxed);
+    cond_.notify_all();
   }
+  for (size_t trimmedFrom : trims) ReportTrim(trimmedFrom, KAVO_ERROR_QUEUE_FULL_SECOND_LEVEL, kLogFormat);
+  return true;
 }
 
 bool IpcPackageManager::moveFrontLocked(BufferState* buffer, bool* tooBig) {
@@ -211,7 +249,38 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
   size_t moved = 0;
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    while (moveFrontLocked(buffer, &tooBig)) ++moved;
+    // The queue stores each package as the frame it becomes on the wire, so
+    // the packages that fit are copied a run at a time: the lock is held for
+    // a few memcpy calls rather than a step per package, and producers
+    // appending meanwhile rarely find it taken.
+    while (!queue_.empty()) {
+      const size_t room = buffer->bufferDataCursor <= buffer->size() ? buffer->freeRoom() : 0;
+      size_t length;
+      const char* run = queue_.frontRun(&length);
+      size_t take = 0;
+      size_t frames = 0;
+      while (take < length) {
+        uint32_t size;
+        memcpy(&size, run + take, sizeof(size));
+        const size_t wireSize = static_cast<size_t>(size) + ipcPackageHeaderSize;
+        if (size >= kDamagedPackageSize || wireSize > buffer->size() || wireSize > room - take) break;
+        take += wireSize;
+        ++frames;
+      }
+      if (frames != 0) {
+        SendBufferWriter writer(buffer);
+        SendBufferWriter* bufferState = &writer;
+        const QueuedPackage::Bytes frameRun = {run, static_cast<uint32_t>(take)};
+        CHECK(bufferState->write(frameRun));
+        queue_.popRun(frames, take);
+        moved += frames;
+        if (take == length) continue;  // the next block's frames
+      }
+      // The front package does not go as it is: one step decides, as for a
+      // single package (it waits, or is dropped as damaged or too big).
+      if (!moveFrontLocked(buffer, &tooBig)) break;
+      ++moved;
+    }
     count_.store(queue_.count(), std::memory_order_relaxed);
   }
   if (tooBig) {

@@ -79,6 +79,12 @@ struct KAVO_EXPORT KavoIpcPackage {
   std::vector<char> data;
 };
 
+// Bytes to queue, owned by the caller.
+struct KAVO_EXPORT KavoIpcBytes {
+  const char* data = nullptr;
+  uint32_t size = 0;
+};
+
 // A request to queue; |data| (dataSize bytes) stays owned by the caller.
 struct KAVO_EXPORT KavoReqIpcPackage {
   uint32_t reqId = 0;
@@ -108,6 +114,11 @@ class KAVO_EXPORT IpcPackageManager {
   void appendReqIpcPackage(KavoReqIpcPackage* req);
   // False (nothing queued) when type > 3.
   bool buildAndAppendSecondIpcPackage(unsigned type, char* data, unsigned size);
+  // buildAndAppendSecondIpcPackage for each of |count| bodies in order (the
+  // same packages, trims, error records and log lines), under one lock, with
+  // one wake of the waiters; a producer with many events waits once for a
+  // queue the IPC thread is draining. False (nothing queued) when type > 3.
+  bool buildAndAppendSecondIpcPackages(unsigned type, const KavoIpcBytes* bodies, size_t count);
   // Queues |size| bytes that already are a complete second-level package.
   void buildAndAppendIpcPackage(char* data, unsigned size);
 
@@ -135,6 +146,11 @@ class KAVO_EXPORT IpcPackageManager {
   // error record and the log line.
   template <typename Fill>
   void enqueue(uint32_t size, int errorCode, const char* logFormat, const Fill& fill);
+  // With mutex_ held, before a push: cuts a runaway queue back and returns
+  // the count it found (0 when it did not cut); the caller reports it
+  // (ReportTrim) once unlocked.
+  size_t trimLocked();
+  static void ReportTrim(size_t trimmedFrom, int errorCode, const char* logFormat);
   // fillNextIpcPackageToBuffer with mutex_ held. A package dropped for being
   // bigger than |buffer| sets *tooBig: the caller records it once unlocked.
   bool moveFrontLocked(BufferState* buffer, bool* tooBig);

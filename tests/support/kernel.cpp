@@ -87,6 +87,7 @@ std::vector<std::string> LoaderPins() {
     paths.push_back(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
     paths.push_back(KavoBpfService::RINGBUF_LOST_PATH[ring]);
     paths.push_back(KavoBpfService::RING_STATS_PATH[ring]);
+    paths.push_back(KavoBpfService::RINGBUF_CONSUMER_PATH[ring]);
   }
   const std::string gpl = KavoBpfService::BPF_FS_PATH + "/map_KavoBpfGplDefineset_";
   paths.push_back(KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map");

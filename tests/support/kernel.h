@@ -52,7 +52,8 @@ bool PinnedProbeAttaches(const PinnedProbe& pinned);
 
 // Every path kavobpf_loader pins that the service and its seeding open:
 // each catalogue program, both rings with their status maps, lost-record
-// counters and record counters, the fd map and the dma-buf maps.
+// counters, record counters and consumer words, the fd map and the dma-buf
+// maps.
 std::vector<std::string> LoaderPins();
 
 // Starts the service in this process as the platform would, once the kernel

@@ -1,0 +1,66 @@
+#pragma once
+
+// The consumer's half of waking a ring only when its consumer may be waiting
+// (the producers' half and why: kavo_bpf_ring.bpf.h, "Waking the consumer").
+// The set's ringbuf_consumer word is mapped writable, the ring's two
+// position pages read-only.
+//
+//   RingWakeup wakeup;
+//   wakeup.map(consumerWordPath, ringFd);          // false: old objects, no word
+//   while (running) {
+//     bool waiting = wakeup.beforeWait();          // records already there?
+//     n = waiting ? ring_buffer__consume(rb) : ring_buffer__poll(rb, timeout);
+//   }
+//   // in the sample callback, for every record: wakeup.onRecord();
+//
+// After beforeWait() has said the ring is empty, the consumer must not take
+// a record without first waiting in the poll: a producer that saw the word
+// at 0 wakes it. While it works (from its first record until the next
+// beforeWait()), records come without wake-ups. Without a mapped word every
+// call is a no-op and beforeWait() says false: the ring wakes its consumer
+// as it always did.
+//
+// Single-threaded: belongs to the monitor thread of its ring.
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+
+namespace Kavo::Bpf {
+
+class RingWakeup {
+ public:
+  // How long a consumer's "awake" holds if it stops without saying so: after
+  // that the producers wake it again for every record that finds it caught up.
+  static constexpr uint64_t kAwakeLeaseNs = 100000000;  // 100 ms
+
+  RingWakeup() = default;
+  ~RingWakeup();
+  RingWakeup(const RingWakeup&) = delete;
+  RingWakeup& operator=(const RingWakeup&) = delete;
+
+  // Maps the word pinned at |consumerPath| and the positions of the ring
+  // |ringFd|; the word starts at 0. False (errno set) when either is missing.
+  bool map(const std::string& consumerPath, int ringFd);
+  bool mapped() const { return word_ != nullptr; }
+
+  // Before each poll: says "waiting" (0, with a full barrier) and returns
+  // whether records were reserved that the consumer has not taken yet; then
+  // it must consume rather than wait.
+  bool beforeWait();
+  // For each record taken: the first after beforeWait() says "awake".
+  void onRecord() {
+    if (!awake_ && word_ != nullptr) markAwake();
+  }
+
+ private:
+  void markAwake();
+
+  volatile uint64_t* word_ = nullptr;
+  const volatile uint64_t* positions_ = nullptr;  // consumer page, then producer page
+  size_t pageSize_ = 0;
+  bool awake_ = false;
+};
+
+}  // namespace Kavo::Bpf
