@@ -1,14 +1,11 @@
 // The task table put right from /proc when the kernel's records cannot say:
 // after ring 0 lost records (gone processes, missed ones, reused pids), and
-// for processes that were zombies at the initial scan. Also when the service
-// decides that such a repair is due: once per burst of losses, learnt from the
-// set's mapped lost-record counter or, without one, from the ring's full bit.
-// Processes are made up in a tmpfs over /proc; records are built by hand.
+// for processes that were zombies at the initial scan; and when such a repair
+// is due: once per burst of losses, learnt from the set's mapped lost-record
+// counter or, without one, from the ring's full bit.
 
 #include <android/log.h>
 #include <bpf/bpf.h>
-#include <stdio.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -23,29 +20,27 @@
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
-#include "support/kernel_stand_ins.h"
 #include "support/event_sink.h"
 #include "support/fake_proc.h"
-#include "support/log_capture.h"
 #include "support/harness.h"
+#include "support/kernel_stand_ins.h"
+#include "support/log_capture.h"
 #include "service/kavo_bpf_ring_loss.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
 #include "service/kavo_bpf_task_manager.h"
-#include "support/wait_until.h"
 
 namespace Kavo::Bpf {
 namespace {
 
 using namespace std::chrono_literals;
+using kavo::test::Dispatch;
 using kavo::test::EventSink;
-using kavo::test::FakeProcess;
 using kavo::test::RecordAs;
-using kavo::test::RecordType;
+using kavo::test::RemoveFakeProcess;
+using Seen = std::map<int, std::vector<std::string>>;
 
 KavoBpfService* Service() { return KavoBpfService::GetInstance(); }
-
-int64_t TickNs() { return 1000000000LL / sysconf(_SC_CLK_TCK); }
 
 uint64_t BootNs() {
   struct timespec now;
@@ -54,69 +49,30 @@ uint64_t BootNs() {
 }
 
 void WriteProcess(int pid, const char* name, long long startTicks, char state = 'S') {
-  FakeProcess p;
-  p.pid = pid;
-  p.name = name;
-  p.ppid = 1;
-  p.uid = 10000 + pid;
-  p.startTicks = startTicks;
-  p.state = state;
+  kavo::test::FakeProcess p;
+  p.pid = pid, p.name = name, p.ppid = 1, p.uid = 10000 + pid, p.startTicks = startTicks, p.state = state;
   kavo::test::WriteFakeProcess(p);
 }
 
-void RemoveProcess(int pid) {
-  std::string dir = "/proc/" + std::to_string(pid);
-  for (const char* file : {"/status", "/stat"}) unlink((dir + file).c_str());
-  rmdir((dir + "/fd").c_str());
-  ASSERT_EQ(0, rmdir(dir.c_str())) << dir;
-}
-
-void Fork(int pid, const char* comm, uint64_t timeNs) {
-  kavo_fork_event e = {};
-  e.header.type = KAVO_EVENT_TASK_CREATE;
-  e.header.time_ns = timeNs;
-  e.ppid = 1;
-  e.pid = pid;
-  e.uid = 10000 + pid;
-  snprintf(e.comm, sizeof(e.comm), "%s", comm);
-  e.kind = KAVO_TASK_PROCESS;
-  Service()->handleSched_SchedProcessFork(reinterpret_cast<char*>(&e), sizeof(e));
-}
-
-void Exit(int pid, const char* comm, uint64_t timeNs) {
-  kavo_exit_event e = {};
-  e.header.type = KAVO_EVENT_TASK_EXIT;
-  e.header.time_ns = timeNs;
-  e.pid = pid;
-  snprintf(e.comm, sizeof(e.comm), "%s", comm);
-  e.kind = KAVO_TASK_PROCESS;
-  Service()->handleSched_SchedProcessExit(reinterpret_cast<char*>(&e), sizeof(e));
-}
-
 // What a client saw, by pid: "exited:<comm>", "init:<comm>", "created:<comm>".
-std::map<int, std::vector<std::string>> ByPid(const std::vector<std::string>& records) {
-  std::map<int, std::vector<std::string>> seen;
-  for (const std::string& record : records) {
-    switch (RecordType(record)) {
-      case KAVO_EVENT_PROCESS_EXITED: {
-        auto e = RecordAs<kavo_process_exited_event>(record);
-        seen[e.pid].push_back(std::string("exited:") + e.comm);
+Seen ByPid(const std::vector<std::string>& records) {
+  Seen seen;
+  for (const std::string& r : records) {
+    switch (kavo::test::RecordType(r)) {
+      case KAVO_EVENT_PROCESS_EXITED:
+        seen[RecordAs<kavo_process_exited_event>(r).pid].push_back(std::string("exited:") +
+                                                                   RecordAs<kavo_process_exited_event>(r).comm);
         break;
-      }
-      case KAVO_EVENT_TASK_INIT: {
-        auto e = RecordAs<kavo_task_init_event>(record);
-        seen[e.pid].push_back(std::string("init:") + e.comm);
+      case KAVO_EVENT_TASK_INIT:
+        seen[RecordAs<kavo_task_init_event>(r).pid].push_back(std::string("init:") +
+                                                              RecordAs<kavo_task_init_event>(r).comm);
         break;
-      }
-      case KAVO_EVENT_PROCESS_CREATED: {
-        auto e = RecordAs<kavo_process_created_event>(record);
+      default: {
+        auto e = RecordAs<kavo_process_created_event>(r);
+        EXPECT_EQ(KAVO_EVENT_PROCESS_CREATED, e.type);
         EXPECT_EQ(10000 + e.pid, e.uid) << e.pid;
-        EXPECT_EQ(1, e.ppid) << e.pid;
         seen[e.pid].push_back(std::string("created:") + e.comm);
-        break;
       }
-      default:
-        ADD_FAILURE() << "unexpected record type " << RecordType(record);
     }
   }
   return seen;
@@ -124,106 +80,82 @@ std::map<int, std::vector<std::string>> ByPid(const std::vector<std::string>& re
 
 std::map<int, std::string> Table() {
   std::map<int, std::string> table;
-  std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
   KavoTaskManager::GetInstance()->ForEachKavoTask([&table](const KavoTask& t) { table[t.pid] = t.comm; });
   return table;
 }
 
-long long TaskInitCounted() {
-  KavoBpfDataState* state = KavoBpfDataState::GetInstance();
-  long long n = 0;
-  for (long long t = state->oldestSecond(); t <= state->newestSecond(); ++t) {
-    n += state->counterAt(t, KAVO_EVENT_TASK_INIT);
-  }
-  return n;
-}
-
-using Seen = std::map<int, std::vector<std::string>>;
-
 TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
   kavo::test::RunInNamespace(
       [] {
-        const int64_t tick = TickNs();
-        // The scan saw four processes; fork records brought four more, whose
-        // records were stamped 0, 1, 2 and -1 ticks off their stat files.
+        const int64_t tick = 1000000000LL / sysconf(_SC_CLK_TCK);
+        // The scan saw four processes; fork records brought four more, stamped
+        // 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
         WriteProcess(1, "init", 5);
         WriteProcess(100, "gone", 100);
         WriteProcess(200, "old", 1000);
         WriteProcess(300, "exiting", 1000);
+        // A start time beyond 64-bit nanoseconds counts as not known: kept.
+        kavo::test::WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
+        kavo::test::WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
+                                                "18446744073709551 12345678 300\n");
         Service()->initTaskInfo();
+        EXPECT_EQ(0, KavoTaskManager::GetInstance()->GetKavoTask(650)->startTimeNs);
         for (int pid : {400, 401, 402, 403}) WriteProcess(pid, pid == 402 ? "reborn" : "kept", 7000);
-        Fork(400, "kept", 7000 * tick + tick / 2);
-        Fork(401, "kept", 7001 * tick);
-        Fork(402, "far", 7002 * tick);
-        Fork(403, "kept", 7000 * tick - 1);
-
+        Dispatch(kavo::test::ForkRecord(400, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick + tick / 2, 10400));
+        Dispatch(kavo::test::ForkRecord(401, 1, "kept", KAVO_TASK_PROCESS, 7001 * tick, 10401));
+        Dispatch(kavo::test::ForkRecord(402, 1, "far", KAVO_TASK_PROCESS, 7002 * tick, 10402));
+        Dispatch(kavo::test::ForkRecord(403, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick - 1, 10403));
         // Records were lost meanwhile: 100 exited and was reaped, 200 was
-        // reaped and its pid taken by a new process, 300 exited (a zombie),
-        // 500 started, 600 started and exited.
-        RemoveProcess(100);
+        // reaped and its pid taken, 300 exited (a zombie), 500 started, 600
+        // started and exited.
+        RemoveFakeProcess(100);
         WriteProcess(200, "new", 5000);
         WriteProcess(300, "exiting", 1000, 'Z');
         WriteProcess(500, "missed", 8000);
         WriteProcess(600, "brief", 8100, 'Z');
 
         EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
-        const long long countedBefore = TaskInitCounted();
+        KavoBpfDataState* state = KavoBpfDataState::GetInstance();
+        const uint32_t countedBefore = state->counterAt(state->newestSecond(), KAVO_EVENT_TASK_INIT);
         kavo::test::LogCapture log;
         const uint64_t beforeResync = BootNs();
         Service()->resyncTaskTable(42);
-
-        Seen seen = ByPid(client.Drain());
-        EXPECT_EQ((Seen{
-                      {100, {"exited:gone"}},
-                      {200, {"exited:old", "init:new", "created:new"}},
-                      {300, {"exited:exiting"}},
-                      {402, {"exited:far", "init:reborn", "created:reborn"}},
-                      {500, {"init:missed", "created:missed"}},
-                  }),
-                  seen);
+        EXPECT_EQ((Seen{{100, {"exited:gone"}},
+                        {200, {"exited:old", "init:new", "created:new"}},
+                        {300, {"exited:exiting"}},
+                        {402, {"exited:far", "init:reborn", "created:reborn"}},
+                        {500, {"init:missed", "created:missed"}}}),
+                  ByPid(client.Drain()));
         EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 42, removed: 2, added: 1, "
-                                "replaced: 2, tasks: 7",
-                                ANDROID_LOG_INFO));
-        EXPECT_EQ((std::map<int, std::string>{{1, "init"},
-                                              {200, "new"},
-                                              {400, "kept"},
-                                              {401, "kept"},
-                                              {402, "reborn"},
-                                              {403, "kept"},
-                                              {500, "missed"}}),
+                                "replaced: 2, tasks: 8", ANDROID_LOG_INFO));
+        EXPECT_EQ((std::map<int, std::string>{{1, "init"}, {200, "new"}, {400, "kept"}, {401, "kept"},
+                                              {402, "reborn"}, {403, "kept"}, {500, "missed"}, {650, "ancient"}}),
                   Table());
-        // Counted as the scan counts its records: once each through the
-        // dispatch, then the number of them.
-        EXPECT_EQ(2 * 3, TaskInitCounted() - countedBefore);
-        {
-          std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
-          EXPECT_EQ(5000 * tick, KavoTaskManager::GetInstance()->GetKavoTask(200)->startTimeNs);
-        }
+        // Counted as the scan counts: once each through the dispatch, then the number of them.
+        EXPECT_EQ(2 * 3u, state->counterAt(state->newestSecond(), KAVO_EVENT_TASK_INIT) - countedBefore);
+        EXPECT_EQ(5000 * tick, KavoTaskManager::GetInstance()->GetKavoTask(200)->startTimeNs);
 
-        // An exit record of 100 from before the repair looked comes late: it
-        // was reported already. One from a later process under pid 100, as
-        // any exit of an unknown pid, is.
-        Exit(100, "gone", beforeResync);
+        // A late exit record from before the repair looked was reported
+        // already; one from a later process under the pid is reported.
+        Dispatch(kavo::test::ExitRecord(100, "gone", KAVO_TASK_PROCESS, beforeResync));
         EXPECT_TRUE(client.Drain().empty());
-        Exit(100, "later", BootNs());
+        Dispatch(kavo::test::ExitRecord(100, "later", KAVO_TASK_PROCESS, BootNs()));
         EXPECT_EQ((Seen{{100, {"exited:later"}}}), ByPid(client.Drain()));
-        // The same for the replaced pid: the old process's exit record does
-        // not take the new process out of the table.
-        Exit(200, "old", beforeResync);
+        // The old process's exit record does not take the new one out.
+        Dispatch(kavo::test::ExitRecord(200, "old", KAVO_TASK_PROCESS, beforeResync));
         EXPECT_TRUE(client.Drain().empty());
         EXPECT_EQ("new", Table()[200]);
 
-        // Nothing changed since: nothing to report.
         log.Clear();
-        Service()->resyncTaskTable(1);
+        Service()->resyncTaskTable(1);  // nothing changed since
         EXPECT_TRUE(client.Drain().empty());
         EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 1, removed: 0, added: 0, "
-                                "replaced: 0, tasks: 7"));
+                                "replaced: 0, tasks: 8"));
       },
       kavo::test::FakeProc());
 }
 
-TEST(TaskResync, SupervisionClearsZombiesOfTheScanOnceReaped) {
+TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
   kavo::test::RunInNamespace(
       [] {
         WriteProcess(700, "zombie-a", 50, 'Z');
@@ -233,33 +165,29 @@ TEST(TaskResync, SupervisionClearsZombiesOfTheScanOnceReaped) {
         Service()->initTaskInfo();
         EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
         kavo::test::LogCapture log;
-
-        // Not reaped yet: they stay.
-        Service()->clearScanZombies();
+        Service()->clearScanZombies();  // not reaped yet: they stay
         EXPECT_TRUE(client.Drain().empty());
         EXPECT_EQ(4u, Table().size());
 
         // 700 reaped; 701 reaped and its pid taken; 703, no zombie, ended: its
-        // own exit record says so, not the supervision.
-        RemoveProcess(700);
+        // own exit record says so, not this check.
+        RemoveFakeProcess(700);
         WriteProcess(701, "taker", 9000);
-        RemoveProcess(703);
+        RemoveFakeProcess(703);
         Service()->clearScanZombies();
         EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}),
                   ByPid(client.Drain()));
-        EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}), Table());
+        EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}),
+                  Table());
         EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3",
                                 ANDROID_LOG_INFO));
-
-        RemoveProcess(702);
+        RemoveFakeProcess(702);
         Service()->clearScanZombies();
         EXPECT_EQ((Seen{{702, {"exited:zombie-c"}}}), ByPid(client.Drain()));
-        // Nothing left to watch: no event and no line.
         log.Clear();
-        Service()->clearScanZombies();
+        Service()->clearScanZombies();  // nothing left to watch: no event, no line
         EXPECT_TRUE(client.Drain().empty());
         EXPECT_FALSE(log.Contains("clearScanZombies"));
-        EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {703, "worker"}}), Table());
       },
       kavo::test::FakeProc());
 }
@@ -269,8 +197,7 @@ TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
   ResyncSchedule schedule;
   EXPECT_EQ(-1, schedule.msUntilDue(0));
   EXPECT_FALSE(schedule.takeDue(1000000, &lost));
-
-  // One burst: due 300 ms after its last loss.
+  // One burst: due 300 ms after its last loss (299, 300, 301).
   schedule.noteLoss(5, 1000);
   schedule.noteLoss(2, 1200);
   EXPECT_EQ(300, schedule.msUntilDue(1200));
@@ -280,22 +207,18 @@ TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
   EXPECT_EQ(7u, lost);
   EXPECT_FALSE(schedule.pending());
   EXPECT_EQ(-1, schedule.msUntilDue(1501));
-
-  // Losses that never pause: due a second after the first, not later.
+  schedule.noteLoss(1, 5000);
+  EXPECT_TRUE(schedule.takeDue(5301, &lost)) << "late is due as well";
+  // Losses that never pause: due a second after the first (999, 1000), not later.
   for (int64_t t = 10000; t <= 10800; t += 200) schedule.noteLoss(1, t);
   EXPECT_EQ(1, schedule.msUntilDue(10999));
   EXPECT_FALSE(schedule.takeDue(10999, &lost));
   EXPECT_TRUE(schedule.takeDue(11000, &lost));
   EXPECT_EQ(5u, lost);
-  schedule.noteLoss(1, 15001);
-  EXPECT_FALSE(schedule.takeDue(15001 + 299, &lost));
-  EXPECT_TRUE(schedule.takeDue(15001 + 300, &lost));
-  schedule.noteLoss(1, 20000);
-  EXPECT_TRUE(schedule.takeDue(20000 + 301, &lost)) << "late is due as well";
 }
 
-// Until |watch| says the repair is due, polls as a monitor would (sleeping
-// instead of waiting for records); false if it is not due within 3 s.
+// Polls as a monitor would until |watch| says the repair is due; false if it
+// is not due within 3 s.
 bool PollUntilDue(RingLossWatch* watch, uint64_t* lost) {
   auto deadline = std::chrono::steady_clock::now() + 3s;
   while (!watch->afterPoll(0, lost)) {
@@ -321,7 +244,6 @@ TEST(RingLossWatch, TheMappedCounterTellsOfLossesAfterItsBaselineOnly) {
       ASSERT_EQ(0, bpf_map_update_elem(counter.get(), &key, &value, 0));
     };
     setLost(7);  // lost before the watch began: not this run's
-
     RingLossWatch missing;
     EXPECT_FALSE(missing.mapCounter(path + "_absent"));
     RingLossWatch watch;
@@ -329,74 +251,54 @@ TEST(RingLossWatch, TheMappedCounterTellsOfLossesAfterItsBaselineOnly) {
     uint64_t lost = 0;
     EXPECT_FALSE(watch.afterPoll(4096, &lost));
     EXPECT_EQ(-1, watch.pollTimeoutMs()) << "nothing lost: the poll waits without a time limit";
-
     setLost(10);
     EXPECT_FALSE(watch.afterPoll(100, &lost));
-    int timeout = watch.pollTimeoutMs();
-    EXPECT_GT(timeout, 0);
-    EXPECT_LE(timeout, ResyncSchedule::kQuietMs);
+    EXPECT_GT(watch.pollTimeoutMs(), 0);
+    EXPECT_LE(watch.pollTimeoutMs(), ResyncSchedule::kQuietMs);
     setLost(12);
     EXPECT_FALSE(watch.afterPoll(100, &lost));
     ASSERT_TRUE(PollUntilDue(&watch, &lost));
     EXPECT_EQ(5u, lost);
     EXPECT_EQ(-1, watch.pollTimeoutMs());
-    EXPECT_FALSE(watch.afterPoll(0, &lost));
   });
 }
 
-TEST(RingLossWatch, WithoutACounterAProbeIsAskedAtABoundedRateWhileRecordsCome) {
+TEST(RingLossWatch, WithoutACounterTheFullBitIsAskedAtABoundedRateAndStillReported) {
   RingLossWatch watch;
   int probes = 0;
-  uint64_t found = 0;
-  watch.useProbe([&] {
-    ++probes;
-    return std::exchange(found, 0);
-  });
-  uint64_t lost = 0;
-  // No record, nothing owed: no probe, no time limit.
-  EXPECT_FALSE(watch.afterPoll(0, &lost));
+  uint64_t found = 0, lost = 0;
+  watch.useProbe([&] { return ++probes, std::exchange(found, 0); });
+  EXPECT_FALSE(watch.afterPoll(0, &lost));  // no record, nothing owed: no probe, no limit
   EXPECT_EQ(0, probes);
   EXPECT_EQ(-1, watch.pollTimeoutMs());
-
   EXPECT_FALSE(watch.afterPoll(3, &lost));
+  EXPECT_FALSE(watch.afterPoll(3, &lost));  // records again at once: the probe waits ...
   EXPECT_EQ(1, probes);
-  // Records again at once: the probe waits, and the poll is bounded so that
-  // it is asked even if no record comes.
-  EXPECT_FALSE(watch.afterPoll(3, &lost));
-  EXPECT_EQ(1, probes);
-  int timeout = watch.pollTimeoutMs();
-  EXPECT_GE(timeout, 0);
-  EXPECT_LE(timeout, RingLossWatch::kProbePeriodMs);
-  std::this_thread::sleep_for(std::chrono::milliseconds(timeout + 1));
+  EXPECT_GE(watch.pollTimeoutMs(), 0);  // ... but the poll is bounded so that it is asked
+  EXPECT_LE(watch.pollTimeoutMs(), RingLossWatch::kProbePeriodMs);
+  std::this_thread::sleep_for(std::chrono::milliseconds(watch.pollTimeoutMs() + 1));
   EXPECT_FALSE(watch.afterPoll(0, &lost));
   EXPECT_EQ(2, probes);
   EXPECT_EQ(-1, watch.pollTimeoutMs()) << "nothing found, nothing owed";
-
   std::this_thread::sleep_for(std::chrono::milliseconds(RingLossWatch::kProbePeriodMs));
   found = 4;
   EXPECT_FALSE(watch.afterPoll(1, &lost));
-  EXPECT_EQ(3, probes);
   ASSERT_TRUE(PollUntilDue(&watch, &lost));
   EXPECT_EQ(4u, lost);
-}
 
-TEST(RingLossWatch, AMonitorWithoutACounterRepairsFromTheFullBitAndStillReportsIt) {
+  // A monitor on hand-made rings without a counter: a full bit left from
+  // before is reported by the first status check but repairs nothing; a bit
+  // set later is taken by the monitor for a repair and still reported.
   kavo::test::RunInNamespace([] {
-    // Hand-made rings: a status map, and no lost-record counter.
     std::string why;
     if (!kavo::test::PinRingMaps(&why)) KAVO_KERNEL_SKIP(why);
     const std::string ring = KavoBpfService::RINGBUF_MAP_PATH[0];
     const std::string status = KavoBpfService::RINGBUF_STATUS_PATH[0];
-    constexpr uint64_t kFull = KAVO_RING_FULL_BIT;
-    // The producer thread holds in its ready wait; the test runs the monitor.
-    android::base::SetProperty("sys.kavo_bpf_ready", "0");
+    android::base::SetProperty("sys.kavo_bpf_ready", "0");  // the producer thread holds
     ASSERT_TRUE(BpfServiceMain());
     KavoBpfService* service = KavoBpfService::GetInstance();
     kavo::test::LogCapture log;
-
-    // A full bit left from before: reported by the first status check, but
-    // not a loss of this run.
-    ASSERT_TRUE(kavo::test::WriteControlWord(status, kFull));
+    ASSERT_TRUE(kavo::test::WriteControlWord(status, KAVO_RING_FULL_BIT));
     auto monitor = std::async(std::launch::async, [service] { return service->eventMonitor(); });
     ASSERT_TRUE(log.WaitFor("[KavoBpfService][setUpLossWatch] no lost-record counter", 1, 5s));
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_CGROUP_ATTACH, 1, &why, 112)) << why;
@@ -404,19 +306,15 @@ TEST(RingLossWatch, AMonitorWithoutACounterRepairsFromTheFullBitAndStillReportsI
     std::this_thread::sleep_for(std::chrono::milliseconds(2 * ResyncSchedule::kQuietMs));
     EXPECT_FALSE(log.Contains("resyncTaskTable"));
 
-    // A loss now: the monitor finds the bit with the next records and repairs
-    // once the ring stays quiet; the status check is not due for 30 s.
     const int64_t producers = kavo::test::ReadControlWord(status);
-    ASSERT_TRUE(kavo::test::WriteControlWord(status, static_cast<uint64_t>(producers) | kFull));
+    ASSERT_TRUE(kavo::test::WriteControlWord(status, static_cast<uint64_t>(producers) | KAVO_RING_FULL_BIT));
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_CGROUP_ATTACH, 1, &why, 112)) << why;
     EXPECT_TRUE(log.WaitFor("[KavoBpfService][resyncTaskTable] lost records: 1, ", 1, 5s));
     EXPECT_EQ(producers, kavo::test::ReadControlWord(status)) << "the bit is taken, the producers stay";
-    EXPECT_EQ(1u, log.Count("bpf ringbuff full!"));
-    // ... but the next check still reports the full ring.
-    EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));
+    EXPECT_EQ(1u, log.Count("bpf ringbuff full!"));  // the status check is not due for 30 s ...
+    EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));  // ... but reports the taken bit
     EXPECT_EQ(2u, log.Count("bpf ringbuff full!"));
     EXPECT_TRUE(service->checkBpfRingBuffStatus(0, true));
-
     service->stop();
     ASSERT_EQ(std::future_status::ready, monitor.wait_for(2s));
     EXPECT_EQ(0, monitor.get());

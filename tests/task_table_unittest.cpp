@@ -1,228 +1,289 @@
-// The task table and its dumps, as someone diagnosing a device reads them.
+// The task table following the kernel's fork, exit, task-init and rss_stat
+// records, as the clients subscribed to the raw and derived events see it.
+// Records are built by hand and handed over as a ring monitor does.
 
 #include <android/log.h>
-#include <errno.h>
-#include <signal.h>
-#include <sys/mount.h>
-#include <unistd.h>
+#include <string.h>
 
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/log_capture.h"
+#include "support/event_sink.h"
+#include "support/fake_proc.h"
 #include "support/harness.h"
+#include "support/log_capture.h"
+#include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
-#include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_task_manager.h"
 
 namespace Kavo::Bpf {
 namespace {
 
-using kavo::test::ReadFile;
+using kavo::test::Dispatch;
+using kavo::test::EventSink;
+using kavo::test::ExitRecord;
+using kavo::test::ForkRecord;
+using kavo::test::RecordAs;
+using kavo::test::RssRecord;
 
-KavoTask MakeTask(int pid, const char* comm, int64_t anon = 0, int64_t file = 0) {
-  KavoTask task = {};
-  task.pid = pid;
-  task.ppid = 1;
-  task.threadNum = 1;
-  task.oldThreadNum = 1;
-  snprintf(task.comm, sizeof(task.comm), "%s", comm);
-  task.rssSize[KAVO_RSS_ANON] = anon;
-  task.rssSize[KAVO_RSS_FILE] = file;
-  return task;
+constexpr uint64_t kMs = 1000000ull;
+constexpr uint64_t kT0 = 5000000 * kMs;  // boot time of the first fork
+
+KavoTask Task(int pid) {
+  KavoTask* task = KavoTaskManager::GetInstance()->GetKavoTask(pid);
+  return task == nullptr ? KavoTask{} : *task;
 }
 
-std::string Left(const std::string& s, size_t width) {
-  return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
-}
-std::string Right(const std::string& s, size_t width) {
-  return s.size() >= width ? s : std::string(width - s.size(), ' ') + s;
+template <typename Record>
+std::string Bytes(const Record& record) {
+  return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
 }
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-TEST(TaskTable, LookupsReplaceAndDelete) {
-  KavoTaskManager* tasks = KavoTaskManager::GetInstance();
-  EXPECT_EQ(nullptr, tasks->GetKavoTask(4000));
-  EXPECT_EQ(0u, tasks->GetKavoTaskCount());  // a failed lookup inserts nothing
-
-  tasks->AddKavoTask(4000, MakeTask(4000, "first", 4096));
-  KavoTask* stored = tasks->GetKavoTask(4000);
-  ASSERT_NE(nullptr, stored);
-  tasks->AddKavoTask(4000, MakeTask(4000, "second"));
-  EXPECT_EQ(1u, tasks->GetKavoTaskCount());
-  EXPECT_STREQ("second", stored->comm);  // earlier pointers see the replacement
-  EXPECT_EQ(0, stored->rssSize[KAVO_RSS_ANON]);
-
-  // The mm-id index is the caller's to keep in step: deleting a task leaves it.
-  tasks->AddMmidIndex(77, stored);
-  EXPECT_EQ(stored, tasks->GetKavoTaskByMmid(77));
-  EXPECT_EQ(0, tasks->DelKavoTask(4000));
-  EXPECT_EQ(0, errno);
-  EXPECT_EQ(0u, tasks->GetKavoTaskCount());
-  EXPECT_EQ(-1, tasks->DelKavoTask(4000));
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_EQ(0, tasks->DelMmidIndex(77));
-  EXPECT_EQ(-1, tasks->DelMmidIndex(77));
-  EXPECT_EQ(nullptr, tasks->GetKavoTaskByMmid(77));
-
-  tasks->AddRssTempTask(9, MakeTask(1, "temp"));
-  ASSERT_NE(nullptr, tasks->GetRssTempTask(9));
-  EXPECT_EQ(0, tasks->DelRssTempTask(9));
-  EXPECT_EQ(-1, tasks->DelRssTempTask(9));
-  EXPECT_EQ(ENOENT, errno);
-}
-
-TEST(TaskTable, OrderByTotalResidentMemory) {
-  KavoTask big = MakeTask(1, "big", 1 << 20);
-  KavoTask small = MakeTask(2, "small", 100, 100);
-  KavoTask same = MakeTask(3, "same", 150, 50);
-  EXPECT_TRUE(CompareKavoTask(big, small));
-  EXPECT_FALSE(CompareKavoTask(small, big));
-  EXPECT_FALSE(CompareKavoTask(small, same));  // equal totals: neither first
-  EXPECT_FALSE(CompareKavoTask(same, small));
-}
-
-// A table as a device might hold it: a kernel thread without memory, an app
-// with a 15-character name, and a big process.
-void FillTable() {
-  KavoTaskManager* tasks = KavoTaskManager::GetInstance();
-  KavoTask kworker = MakeTask(45, "kworker/0:1");
-  kworker.ppid = 2;
-  tasks->AddKavoTask(kworker.pid, kworker);
-
-  KavoTask app = MakeTask(1234, "system_server12", 10240, 1023);
-  app.ppid = 567;
-  app.threadNum = 89;
-  app.oldThreadNum = 80;
-  app.mmId = 1000;
-  app.rssOldSize[KAVO_RSS_FILE] = 2048;
-  app.rssSize[KAVO_RSS_SHMEM] = 4096;
-  app.rssSize[KAVO_RSS_SWAP] = -3072;  // printed as the signed value it is
-  app.initTimeStamp = 1700000123;
-  tasks->AddKavoTask(app.pid, app);
-
-  tasks->AddKavoTask(900, MakeTask(900, "surfaceflinger", 6LL << 30));
-}
-
-TEST(TaskTable, FullDumpLayout) {
-  kavo::test::RunInNamespace([] {
-    FillTable();
-    KavoTaskManager::GetInstance()->DumpKavoTaskInfo();
-    std::vector<std::string> lines = Lines(ReadFile(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE));
-    ASSERT_EQ(5u, lines.size());
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex("============ DUMP ALL KAVO TASKS INFO \\(count: 3, time: [0-9]+\\) ============")))
-        << lines[0];
-    EXPECT_EQ(std::string("comm               pid         ppid        threadNum   oldThreadNum mmId        "
-                          "rssAnonSize         rssAnonOldSize      rssFileSize         rssFileOldSize      "
-                          "rssShmemSize        rssShmemOldSize     rssSwapSize         rssSwapOldSize      "
-                          "initTimeStamp       "),
-              lines[1]);
-    EXPECT_EQ(0u, lines[2].rfind("surfaceflinger  ", 0)) << lines[2];  // largest first
-    EXPECT_NE(std::string::npos, lines[2].find(Right("6291456", 10) + " KB")) << lines[2];
-    std::string expected = "system_server12 " + std::string("   ") + Left("1234", 12) + Left("567", 12) +
-                           Left("89", 12) + Left("80", 13) + Left("1000", 12) + Right("10", 10) + " KB" +
-                           Right("0", 17) + " KB" + Right("0", 17) + " KB" + Right("2", 17) + " KB" +
-                           Right("4", 17) + " KB" + Right("0", 17) + " KB" + Right("-3", 17) + " KB" +
-                           Right("0", 17) + " KB" + Right("1700000123", 20);
-    EXPECT_EQ(expected, lines[3]);
-    EXPECT_EQ(0u, lines[4].rfind("kworker/0:1     " + std::string("   ") + Left("45", 12) + Left("2", 12), 0))
-        << lines[4];
-  });
-}
-
-TEST(TaskTable, ShortAndFilteredDumps) {
-  kavo::test::RunInNamespace([] {
-    FillTable();
-    KavoTaskManager* tasks = KavoTaskManager::GetInstance();
-
-    tasks->DumpKavoTaskInfoNormal();
-    std::vector<std::string> lines = Lines(ReadFile(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE));
-    ASSERT_EQ(5u, lines.size());
-    EXPECT_EQ(std::string("comm               pid         ppid        threadNum   mmId        rssAnonSize         "
-                          "rssFileSize         rssShmemSize        rssSwapSize         initTimeStamp       "),
-              lines[1]);
-    EXPECT_EQ("system_server12 " + std::string("   ") + Left("1234", 12) + Left("567", 12) + Left("89", 12) +
-                  Left("1000", 12) + Right("10", 10) + " KB" + Right("0", 17) + " KB" + Right("4", 17) + " KB" +
-                  Right("-3", 17) + " KB" + Right("1700000123", 20),
-              lines[3]);
-
-    // Without tasks that hold no memory: the kernel thread goes, the count stays.
-    for (auto dump : {&KavoTaskManager::DumpKavoTaskIgnoreKernelTaskInfo,
-                      &KavoTaskManager::DumpKavoTaskIgnoreKernelTaskInfoNormal}) {
-      (tasks->*dump)();
-      std::string text = ReadFile(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE);
-      EXPECT_NE(std::string::npos, text.find("(count: 3,"));
-      EXPECT_EQ(std::string::npos, text.find("kworker"));
-      EXPECT_EQ(4u, Lines(text).size());
+// Threads come and go |n| times at |time|; returns the thread-count reports.
+std::vector<kavo_thread_count_event> Threads(EventSink* sink, int pid, int n, uint64_t time) {
+  for (int i = 0; i < (n < 0 ? -n : n); ++i) {
+    if (n > 0) Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time));
+    if (n < 0) Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
+  }
+  std::vector<kavo_thread_count_event> reports;
+  for (const std::string& r : sink->Drain()) {
+    if (kavo::test::RecordType(r) == KAVO_EVENT_THREAD_COUNT_CHANGED) {
+      EXPECT_EQ(sizeof(kavo_thread_count_event), r.size());
+      reports.push_back(RecordAs<kavo_thread_count_event>(r));
     }
-  });
+  }
+  return reports;
 }
 
-TEST(TaskTable, EmptyTableAndUnwritableDirectory) {
-  kavo::test::RunInNamespace([] {
-    KavoTaskManager* tasks = KavoTaskManager::GetInstance();
-    tasks->DumpKavoTaskInfo();
-    std::vector<std::string> lines = Lines(ReadFile(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE));
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_NE(std::string::npos, lines[0].find("(count: 0,"));
+TEST(TaskTable, AProcessLifeThroughTheHandlers) {
+  kavo::test::RunInNamespace(
+      [] {
+        EventSink sink({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED,
+                        KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
+        // A new process: its raw record, then the derived one; a second fork
+        // record for the pid is forwarded but changes nothing.
+        auto fork = ForkRecord(5000, 4000, "app_process", KAVO_TASK_PROCESS, kT0);
+        Dispatch(fork);
+        Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
+        kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"};
+        auto again = ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0);
+        EXPECT_EQ((std::vector<std::string>{Bytes(fork), Bytes(created), Bytes(again)}), sink.Drain());
+        EXPECT_EQ(1, Task(5000).threadNum);
+        EXPECT_EQ(static_cast<int64_t>(kT0), Task(5000).firstSeenNs);
+        EXPECT_GT(Task(5000).initTimeStamp, 0);
 
-    // A read-only /data: the full and short dumps of all tasks say why; the
-    // filtered ones stay silent. No file either way.
-    ASSERT_EQ(0, umount2("/data", MNT_DETACH));
-    ASSERT_EQ(0, mount("tmpfs", "/data", "tmpfs", MS_RDONLY, nullptr));
-    kavo::test::LogCapture log;
-    tasks->DumpKavoTaskInfo();
-    tasks->DumpKavoTaskIgnoreKernelTaskInfo();
-    tasks->DumpKavoTaskInfoNormal();
-    tasks->DumpKavoTaskIgnoreKernelTaskInfoNormal();
-    EXPECT_EQ(2u, log.Count("failed to dump kavo task, error: ", ANDROID_LOG_ERROR));
-    EXPECT_FALSE(kavo::test::PathExists(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE));
-  });
+        // Threads: nothing before 3 s however many; then only a change of more than 10.
+        EXPECT_TRUE(Threads(&sink, 5000, 11, kT0 + 2999 * kMs).empty());
+        EXPECT_EQ(12, Task(5000).threadNum);
+        EXPECT_TRUE(Threads(&sink, 5000, -1, kT0 + 3000 * kMs).empty());  // a change of 10
+        auto reports = Threads(&sink, 5000, 1, kT0 + 3000 * kMs);         // of 11
+        ASSERT_EQ(1u, reports.size());
+        EXPECT_EQ(5000, reports[0].pid);
+        EXPECT_EQ(4000, reports[0].ppid);
+        EXPECT_EQ(10001, reports[0].uid);
+        EXPECT_EQ(1, reports[0].old_thread_count);
+        EXPECT_EQ(12, reports[0].thread_count);
+        EXPECT_TRUE(Threads(&sink, 5000, -10, kT0 + 3001 * kMs).empty());
+        reports = Threads(&sink, 5000, -1, kT0 + 3001 * kMs);
+        ASSERT_EQ(1u, reports.size());
+        EXPECT_EQ(12, reports[0].old_thread_count);
+        EXPECT_EQ(1, reports[0].thread_count);
+        // Threads no later than the record's first sight, or of unknown pids, do not count.
+        Dispatch(ForkRecord(5000, 5000, "app", KAVO_TASK_THREAD, kT0));
+        Dispatch(ForkRecord(5999, 5999, "nobody", KAVO_TASK_THREAD, kT0 + 9000 * kMs));
+        EXPECT_EQ(1, Task(5000).threadNum);
+        EXPECT_EQ(nullptr, KavoTaskManager::GetInstance()->GetKavoTask(5999));
+        sink.Drain();
+
+        // Memory: too young at 2.999 s, but kept; at 3 s the whole change since creation.
+        Dispatch(RssRecord(5000, KAVO_RSS_ANON, 1 << 20, kT0 + 2999 * kMs));
+        EXPECT_TRUE(sink.Drain().empty());
+        EXPECT_EQ(1000u, Task(5000).mmId);
+        Dispatch(RssRecord(5000, KAVO_RSS_FILE, 8192, kT0 + 3000 * kMs));
+        auto records = sink.Drain();
+        ASSERT_EQ(1u, records.size());
+        auto changed = RecordAs<kavo_memory_changed_event>(records[0]);
+        EXPECT_EQ(sizeof(changed), records[0].size());
+        EXPECT_EQ(KAVO_EVENT_MEMORY_CHANGED, changed.type);
+        EXPECT_EQ(4000, changed.ppid);
+        EXPECT_STREQ("app_process", changed.comm);
+        EXPECT_EQ((std::vector<int64_t>{8192, 1 << 20, 0, 0}), std::vector<int64_t>(changed.size, changed.size + 4));
+        EXPECT_EQ((std::vector<int64_t>{0, 0, 0, 0}), std::vector<int64_t>(changed.old_size, changed.old_size + 4));
+        // Small changes add up from the reported level: 16383 bytes are not enough, 16384 are.
+        Dispatch(RssRecord(5000, KAVO_RSS_ANON, (1 << 20) + 8192, kT0 + 4000 * kMs));
+        Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8191, kT0 + 4000 * kMs));
+        EXPECT_TRUE(sink.Drain().empty());
+        Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8192, kT0 + 4000 * kMs));
+        records = sink.Drain();
+        ASSERT_EQ(1u, records.size());
+        changed = RecordAs<kavo_memory_changed_event>(records[0]);
+        EXPECT_EQ((1 << 20) + 8192, changed.size[KAVO_RSS_ANON]);
+        EXPECT_EQ(1 << 20, changed.old_size[KAVO_RSS_ANON]);
+        EXPECT_EQ(8192, changed.old_size[KAVO_RSS_FILE]);
+        // Damaged records are dropped: a negative size, members out of range, a short record.
+        for (auto rss : {RssRecord(5000, KAVO_RSS_ANON, -1, kT0 + 5000 * kMs),
+                         RssRecord(5000, 4, 1 << 30, kT0 + 5000 * kMs),
+                         RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs)}) {
+          Dispatch(rss);
+        }
+        kavo::test::DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
+        EXPECT_TRUE(sink.Drain().empty());
+        EXPECT_EQ((1 << 20) + 8192, Task(5000).rssSize[KAVO_RSS_ANON]);
+        EXPECT_EQ(8192, Task(5000).rssSize[KAVO_RSS_FILE]);
+
+        // A task-init record replaces the record whole; swap and shared memory trade places.
+        kavo_task_init_event init = {{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
+                                     1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000};
+        Dispatch(init);
+        KavoTask task = Task(5000);
+        EXPECT_STREQ("init_seeded", task.comm);
+        EXPECT_EQ(4, task.oldThreadNum);
+        EXPECT_EQ((std::vector<int64_t>{1 << 20, 2 << 20, 4 << 20, 3 << 20}),
+                  std::vector<int64_t>(task.rssSize, task.rssSize + 4));
+        EXPECT_EQ(0, memcmp(task.rssSize, task.rssOldSize, sizeof(task.rssSize)));
+        EXPECT_EQ(1700000000, task.initTimeStamp);
+        EXPECT_EQ(123, task.firstSeenNs);
+        EXPECT_EQ(0u, task.mmId);
+
+        // Exits: with the exit record's name; an unknown pid is reported too.
+        Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
+        Dispatch(ExitRecord(5998, "stranger", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
+        kavo_process_exited_event exited[] = {{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"},
+                                              {KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"}};
+        EXPECT_EQ((std::vector<std::string>{Bytes(exited[0]), Bytes(exited[1])}), sink.Drain());
+        EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
+
+        // Records of no known kind are errors and change nothing.
+        kavo::test::LogCapture log;
+        Dispatch(ForkRecord(5001, 1, "odd", 3, kT0));
+        Dispatch(ExitRecord(5001, "odd", 0, kT0));
+        EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR));
+        EXPECT_TRUE(log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
+        EXPECT_EQ(1u, sink.Drain().size());  // the raw fork record only
+        EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
+
+        // Parent unknown to the kernel: asked of /proc; a process gone meanwhile keeps the record's.
+        kavo::test::FakeProcess p;
+        p.pid = 6000, p.name = "realname", p.ppid = 33;
+        kavo::test::WriteFakeProcess(p);
+        Dispatch(ForkRecord(6000, 0, "forkname", KAVO_TASK_PROCESS, kT0));
+        Dispatch(ForkRecord(6001, 0, "gone", KAVO_TASK_PROCESS, kT0));
+        records = sink.Drain();
+        ASSERT_EQ(4u, records.size());
+        EXPECT_EQ(33, RecordAs<kavo_process_created_event>(records[1]).ppid);
+        EXPECT_STREQ("realname", RecordAs<kavo_process_created_event>(records[1]).comm);
+        EXPECT_EQ(0, RecordAs<kavo_process_created_event>(records[3]).ppid);
+        EXPECT_STREQ("gone", RecordAs<kavo_process_created_event>(records[3]).comm);
+      },
+      kavo::test::FakeProc());
 }
 
-}  // namespace
-}  // namespace Kavo::Bpf
+TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
+  kavo::test::RunInNamespace(
+      [] {
+        EventSink sink({KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
+        struct {
+          int pid, ppid;
+          const char* comm;
+          bool reported;
+        } cases[] = {{0, 1, "idle", false},      {1, 0, "init", true},     {300, 1, "early", false},
+                     {301, 1, "app", true},       {9100, 1, "sh", false},  {9101, 1, "shell_daemon", false},
+                     {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false}, {9104, 1, "dumpsysx", false},
+                     {9105, 1, "bash", true},     {9106, 1, "dumpsy", true}};
+        for (const auto& c : cases) {
+          Dispatch(ForkRecord(c.pid, c.ppid, c.comm, KAVO_TASK_PROCESS, kT0));
+          Dispatch(RssRecord(c.pid, KAVO_RSS_ANON, 1 << 20, kT0 + 5000 * kMs));
+          EXPECT_EQ(c.reported ? 1u : 0u, sink.Drain().size()) << c.pid << " " << c.comm;
+          EXPECT_EQ(1 << 20, Task(c.pid).rssSize[KAVO_RSS_ANON]) << c.pid;  // kept either way
+        }
 
-namespace Kavo::Bpf {
-namespace {
+        // Times and sizes as far apart as 64 bits allow (no kernel writes them,
+        // but records are read as they come): too young to report, no overflow.
+        Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63));
+        Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
+        for (int i = 0; i < 12; ++i) Dispatch(ForkRecord(4242, 4242, "far", KAVO_TASK_THREAD, (1ull << 63) - 1));
+        kavo_task_init_event init = {{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0};
+        Dispatch(init);
+        Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
+        EXPECT_TRUE(sink.Drain().empty());
 
-// What an engineer on a device does: kill -51 <pid>, then read the file.
-TEST(TaskTable, SignalsWriteTheDumps) {
+        // A process still called "main" takes its name and parent from /proc
+        // at its first record, then again only once 3 s have passed on the
+        // seconds clock (moved here by its base).
+        kavo::test::FakeProcess p;
+        p.pid = 9500, p.name = "main", p.ppid = 700;
+        kavo::test::WriteFakeProcess(p);
+        Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0));
+        Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
+        EXPECT_EQ(700, Task(9500).ppid);
+        const int64_t refreshed = Task(9500).lastInfoTime;
+        p.ppid = 701;
+        kavo::test::WriteFakeProcess(p);
+        for (int elapsed : {2, 3}) {
+          __basetime = refreshed + elapsed - static_cast<int64_t>(GetSystemSecondsTime() - __basetime);
+          Dispatch(RssRecord(9500, KAVO_RSS_ANON, 8192, kT0 + kMs));
+          EXPECT_EQ(elapsed < 3 ? 700 : 701, Task(9500).ppid) << elapsed << " s";
+        }
+        // "re-initialized>" is provisional too; a process that is gone keeps
+        // its name and is not asked again within 3 s.
+        Dispatch(ForkRecord(9501, 600, "re-initialized>", KAVO_TASK_PROCESS, kT0));
+        kavo::test::LogCapture log;
+        Dispatch(RssRecord(9501, KAVO_RSS_ANON, 4096, kT0 + kMs));
+        Dispatch(RssRecord(9501, KAVO_RSS_ANON, 8192, kT0 + kMs));
+        EXPECT_EQ(1u, log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN));
+        EXPECT_STREQ("re-initialized>", Task(9501).comm);
+      },
+      kavo::test::FakeProc());
+}
+
+// One ring monitor forwarding in batches: each client gets exactly its
+// events in the order they were made (each raw record, then what its handler
+// derived), batch after batch, a record bigger than any batch included.
+TEST(TaskTable, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
   kavo::test::RunInNamespace([] {
-    FillTable();
-    KavoBpfService::GetInstance();  // registers what each signal writes
-    InstallDumpSignalHandlers();
-    struct Expectation {
-      int signal;
-      size_t lines;
-      const char* firstTitle;
-    } expectations[] = {
-        {51, 5, "comm               pid         ppid        threadNum   oldThreadNum"},
-        {52, 4, "comm               pid         ppid        threadNum   oldThreadNum"},
-        {53, 5, "comm               pid         ppid        threadNum   mmId"},
-        {54, 4, "comm               pid         ppid        threadNum   mmId"},
-    };
-    for (const Expectation& e : expectations) {
-      unlink(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE.c_str());
-      uint64_t before = CompletedDumps();
-      ASSERT_EQ(0, kill(getpid(), e.signal));
-      for (int i = 0; i < 200 && CompletedDumps() == before; ++i) usleep(10000);
-      std::vector<std::string> lines = Lines(ReadFile(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE));
-      ASSERT_EQ(e.lines, lines.size()) << "signal " << e.signal;
-      EXPECT_NE(std::string::npos, lines[0].find("(count: 3,")) << e.signal;
-      EXPECT_EQ(0u, lines[1].rfind(e.firstTitle, 0)) << e.signal;
+    EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
+                         KAVO_EVENT_PROCESS_EXITED}, 1000);
+    EventSink exits({KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_TASK_EXIT}, 1001);
+    EventSink memory({KAVO_EVENT_RSS_STAT}, 1002);
+    std::vector<std::string> toProcesses, toExits, toMemory;
+    {
+      EventManager::BatchScope batch;
+      for (int i = 0; i < 100; ++i) {
+        const int pid = 7000 + i;
+        auto fork = ForkRecord(pid, 1, ("proc" + std::to_string(i)).c_str(), KAVO_TASK_PROCESS, 1000 + i, 10000 + i);
+        kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, pid, 1, 10000 + i, {}};
+        memcpy(created.comm, fork.comm, sizeof(created.comm));
+        auto rss = RssRecord(pid, KAVO_RSS_ANON, 4096 * i, 2000 + i);
+        auto exit = ExitRecord(pid, fork.comm, KAVO_TASK_PROCESS, 3000 + i);
+        kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, pid, {}};
+        memcpy(exited.comm, exit.comm, sizeof(exited.comm));
+        Dispatch(fork);
+        Dispatch(rss);
+        Dispatch(exit);
+        toProcesses.insert(toProcesses.end(), {Bytes(fork), Bytes(created), Bytes(exit), Bytes(exited)});
+        toExits.insert(toExits.end(), {Bytes(exit), Bytes(exited)});
+        toMemory.push_back(Bytes(rss));
+        if (i == 50) {
+          std::string huge(EventBatch::kMaxBytes + 1, 'h');
+          const uint32_t type = KAVO_EVENT_RSS_STAT;
+          memcpy(&huge[0], &type, sizeof(type));
+          EventManager::GetInstance()->AppendEvent(&huge[0], static_cast<unsigned>(huge.size()));
+          toMemory.push_back(huge);
+        }
+      }
+      batch.flush();  // everything made so far is queued, nothing waits
+      EXPECT_EQ(toProcesses, processes.Drain());
+      EXPECT_EQ(toExits, exits.Drain());
+      EXPECT_EQ(toMemory, memory.Drain());
+      kavo_process_exited_event late = {KAVO_EVENT_PROCESS_EXITED, 9999, "late"};
+      EventManager::GetInstance()->AppendEvent(reinterpret_cast<char*>(&late), sizeof(late));
+      toExits = {Bytes(late)};
     }
+    EXPECT_EQ(toExits, processes.Drain());
+    EXPECT_EQ(toExits, exits.Drain());
+    EXPECT_TRUE(memory.Drain().empty());
   });
 }
 

@@ -2,6 +2,7 @@
 
 #include "support/wire.h"
 
+#include <stdio.h>
 #include <string.h>
 
 #include "service/kavo_bpf_event_manager.h"
@@ -36,5 +37,41 @@ std::vector<std::string> EventSink::Drain() {
 }
 
 int RecordType(const std::string& record) { return RecordAs<int32_t>(record); }
+
+kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs, int uid) {
+  kavo_fork_event e = {};
+  e.header.type = KAVO_EVENT_TASK_CREATE;
+  e.header.time_ns = timeNs;
+  e.ppid = ppid;
+  e.pid = pid;
+  e.uid = uid;
+  snprintf(e.comm, sizeof(e.comm), "%s", comm);
+  e.kind = kind;
+  return e;
+}
+
+kavo_exit_event ExitRecord(int pid, const char* comm, uint32_t kind, uint64_t timeNs) {
+  kavo_exit_event e = {};
+  e.header.type = KAVO_EVENT_TASK_EXIT;
+  e.header.time_ns = timeNs;
+  e.pid = pid;
+  snprintf(e.comm, sizeof(e.comm), "%s", comm);
+  e.kind = kind;
+  return e;
+}
+
+kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs) {
+  kavo_rss_event e = {};
+  e.header.type = KAVO_EVENT_RSS_STAT;
+  e.header.time_ns = timeNs;
+  e.pid = pid;
+  e.member = member;
+  e.size = size;
+  return e;
+}
+
+int DispatchBytes(std::string record) {
+  return KavoBpfService::handleBpfRingBuffEvent(nullptr, &record[0], static_cast<unsigned>(record.size()));
+}
 
 }  // namespace kavo::test

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "bpf/kavo_bpf_records.h"
+
 namespace kavo::test {
 
 class EventSink {
@@ -40,6 +42,20 @@ T RecordAs(const std::string& record) {
   T value = {};
   memcpy(&value, record.data(), record.size() < sizeof(T) ? record.size() : sizeof(T));
   return value;
+}
+
+// Ring records built by hand in the layouts the kernel programs write.
+kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs,
+                           int uid = 10001);
+kavo_exit_event ExitRecord(int pid, const char* comm, uint32_t kind, uint64_t timeNs);
+kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs);
+
+// Hands |record| to the service as a ring monitor does: counted, forwarded to
+// subscribers, then handled. Returns the dispatch's result.
+int DispatchBytes(std::string record);
+template <typename Record>
+int Dispatch(const Record& record) {
+  return DispatchBytes(std::string(reinterpret_cast<const char*>(&record), sizeof(record)));
 }
 
 }  // namespace kavo::test

@@ -35,6 +35,12 @@ void WriteFakeProcess(const FakeProcess& p) {
   if (p.withFdDir) MakeDirs(Dir(p.pid) + "/fd");
 }
 
+void RemoveFakeProcess(int pid) {
+  for (const char* file : {"/status", "/stat", "/maps"}) unlink((Dir(pid) + file).c_str());
+  rmdir((Dir(pid) + "/fd").c_str());
+  rmdir(Dir(pid).c_str());
+}
+
 bool AddFakeFd(int pid, int fd, const std::string& target, long long size, long long inode) {
   std::string link = Dir(pid) + "/fd/" + std::to_string(fd);
   MakeDirs(Dir(pid) + "/fd");

@@ -33,6 +33,8 @@ struct FakeProcess {
 
 // /proc/<pid>/status, /proc/<pid>/stat and an empty fd directory.
 void WriteFakeProcess(const FakeProcess& process);
+// Takes the process out of /proc again (reaped, or never there).
+void RemoveFakeProcess(int pid);
 // Descriptor |fd| of |pid|: a link to |target| and, when size >= 0, an fdinfo
 // file with "size:" and "ino:" lines (either may be left out with -1).
 bool AddFakeFd(int pid, int fd, const std::string& target, long long size = -1,
