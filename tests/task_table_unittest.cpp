@@ -3,10 +3,6 @@
 // Records are built by hand and handed over as a ring monitor does.
 
 #include <android/log.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,17 +12,12 @@
 #include "support/log_capture.h"
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
-#include "service/kavo_bpf_task_manager.h"
 
 namespace Kavo::Bpf {
 namespace {
 
-using kavo::test::Dispatch;
-using kavo::test::EventSink;
-using kavo::test::ExitRecord;
-using kavo::test::ForkRecord;
-using kavo::test::RecordAs;
-using kavo::test::RssRecord;
+using namespace kavo::test;
+using Records = std::vector<std::string>;
 
 constexpr uint64_t kMs = 1000000ull;
 constexpr uint64_t kT0 = 5000000 * kMs;  // boot time of the first fork
@@ -36,60 +27,52 @@ KavoTask Task(int pid) {
   return task == nullptr ? KavoTask{} : *task;
 }
 
-template <typename Record>
-std::string Bytes(const Record& record) {
-  return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+std::vector<int64_t> Sizes(std::vector<int64_t> sizes) { return sizes; }
+std::vector<int64_t> Sizes(const int64_t* sizes) { return {sizes, sizes + KAVO_RSS_MEMBERS}; }
+
+// |n| threads of |pid| start (or end, n < 0) at |time|.
+void Threads(int pid, int n, uint64_t time) {
+  for (int i = 0; i < std::abs(n); ++i) {
+    n > 0 ? Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time))
+          : Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
+  }
 }
 
-// Threads come and go |n| times at |time|; returns the thread-count reports.
-std::vector<kavo_thread_count_event> Threads(EventSink* sink, int pid, int n, uint64_t time) {
-  for (int i = 0; i < (n < 0 ? -n : n); ++i) {
-    if (n > 0) Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time));
-    if (n < 0) Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
-  }
-  std::vector<kavo_thread_count_event> reports;
-  for (const std::string& r : sink->Drain()) {
-    if (kavo::test::RecordType(r) == KAVO_EVENT_THREAD_COUNT_CHANGED) {
-      EXPECT_EQ(sizeof(kavo_thread_count_event), r.size());
-      reports.push_back(RecordAs<kavo_thread_count_event>(r));
-    }
-  }
-  return reports;
+std::string ThreadReport(int oldCount, int count) {
+  return Bytes(kavo_thread_count_event{KAVO_EVENT_THREAD_COUNT_CHANGED, 5000, 4000, 10001, oldCount, count});
+}
+
+std::string MemoryReport(std::vector<int64_t> sizes, std::vector<int64_t> oldSizes) {
+  kavo_memory_changed_event e = {KAVO_EVENT_MEMORY_CHANGED, 5000, 4000, 10001, "app_process", {}, {}};
+  std::copy(sizes.begin(), sizes.end(), e.size);
+  std::copy(oldSizes.begin(), oldSizes.end(), e.old_size);
+  return Bytes(e);
 }
 
 TEST(TaskTable, AProcessLifeThroughTheHandlers) {
-  kavo::test::RunInNamespace(
+  RunInNamespace(
       [] {
-        EventSink sink({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED,
-                        KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
-        // A new process: its raw record, then the derived one; a second fork
-        // record for the pid is forwarded but changes nothing.
-        auto fork = ForkRecord(5000, 4000, "app_process", KAVO_TASK_PROCESS, kT0);
-        Dispatch(fork);
+        EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED,
+                        KAVO_EVENT_MEMORY_CHANGED});
+        // A new process; a second fork record for the pid changes nothing.
+        Dispatch(ForkRecord(5000, 4000, "app_process", KAVO_TASK_PROCESS, kT0));
         Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
-        kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"};
-        auto again = ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0);
-        EXPECT_EQ((std::vector<std::string>{Bytes(fork), Bytes(created), Bytes(again)}), sink.Drain());
+        EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})},
+                  sink.Drain());
         EXPECT_EQ(1, Task(5000).threadNum);
         EXPECT_EQ(static_cast<int64_t>(kT0), Task(5000).firstSeenNs);
         EXPECT_GT(Task(5000).initTimeStamp, 0);
 
         // Threads: nothing before 3 s however many; then only a change of more than 10.
-        EXPECT_TRUE(Threads(&sink, 5000, 11, kT0 + 2999 * kMs).empty());
-        EXPECT_EQ(12, Task(5000).threadNum);
-        EXPECT_TRUE(Threads(&sink, 5000, -1, kT0 + 3000 * kMs).empty());  // a change of 10
-        auto reports = Threads(&sink, 5000, 1, kT0 + 3000 * kMs);         // of 11
-        ASSERT_EQ(1u, reports.size());
-        EXPECT_EQ(5000, reports[0].pid);
-        EXPECT_EQ(4000, reports[0].ppid);
-        EXPECT_EQ(10001, reports[0].uid);
-        EXPECT_EQ(1, reports[0].old_thread_count);
-        EXPECT_EQ(12, reports[0].thread_count);
-        EXPECT_TRUE(Threads(&sink, 5000, -10, kT0 + 3001 * kMs).empty());
-        reports = Threads(&sink, 5000, -1, kT0 + 3001 * kMs);
-        ASSERT_EQ(1u, reports.size());
-        EXPECT_EQ(12, reports[0].old_thread_count);
-        EXPECT_EQ(1, reports[0].thread_count);
+        Threads(5000, 11, kT0 + 2999 * kMs);
+        Threads(5000, -1, kT0 + 3000 * kMs);  // a change of 10
+        EXPECT_TRUE(sink.Drain().empty());
+        Threads(5000, 1, kT0 + 3000 * kMs);  // of 11
+        EXPECT_EQ(Records{ThreadReport(1, 12)}, sink.Drain());
+        Threads(5000, -10, kT0 + 3001 * kMs);
+        EXPECT_TRUE(sink.Drain().empty());
+        Threads(5000, -1, kT0 + 3001 * kMs);
+        EXPECT_EQ(Records{ThreadReport(12, 1)}, sink.Drain());
         // Threads no later than the record's first sight, or of unknown pids, do not count.
         Dispatch(ForkRecord(5000, 5000, "app", KAVO_TASK_THREAD, kT0));
         Dispatch(ForkRecord(5999, 5999, "nobody", KAVO_TASK_THREAD, kT0 + 9000 * kMs));
@@ -97,52 +80,34 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
         EXPECT_EQ(nullptr, KavoTaskManager::GetInstance()->GetKavoTask(5999));
         sink.Drain();
 
-        // Memory: too young at 2.999 s, but kept; at 3 s the whole change since creation.
+        // Memory: too young at 2.999 s but kept; at 3 s the whole change since creation.
         Dispatch(RssRecord(5000, KAVO_RSS_ANON, 1 << 20, kT0 + 2999 * kMs));
         EXPECT_TRUE(sink.Drain().empty());
         EXPECT_EQ(1000u, Task(5000).mmId);
         Dispatch(RssRecord(5000, KAVO_RSS_FILE, 8192, kT0 + 3000 * kMs));
-        auto records = sink.Drain();
-        ASSERT_EQ(1u, records.size());
-        auto changed = RecordAs<kavo_memory_changed_event>(records[0]);
-        EXPECT_EQ(sizeof(changed), records[0].size());
-        EXPECT_EQ(KAVO_EVENT_MEMORY_CHANGED, changed.type);
-        EXPECT_EQ(4000, changed.ppid);
-        EXPECT_STREQ("app_process", changed.comm);
-        EXPECT_EQ((std::vector<int64_t>{8192, 1 << 20, 0, 0}), std::vector<int64_t>(changed.size, changed.size + 4));
-        EXPECT_EQ((std::vector<int64_t>{0, 0, 0, 0}), std::vector<int64_t>(changed.old_size, changed.old_size + 4));
+        EXPECT_EQ(Records{MemoryReport({8192, 1 << 20, 0, 0}, {0, 0, 0, 0})}, sink.Drain());
         // Small changes add up from the reported level: 16383 bytes are not enough, 16384 are.
         Dispatch(RssRecord(5000, KAVO_RSS_ANON, (1 << 20) + 8192, kT0 + 4000 * kMs));
         Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8191, kT0 + 4000 * kMs));
         EXPECT_TRUE(sink.Drain().empty());
         Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8192, kT0 + 4000 * kMs));
-        records = sink.Drain();
-        ASSERT_EQ(1u, records.size());
-        changed = RecordAs<kavo_memory_changed_event>(records[0]);
-        EXPECT_EQ((1 << 20) + 8192, changed.size[KAVO_RSS_ANON]);
-        EXPECT_EQ(1 << 20, changed.old_size[KAVO_RSS_ANON]);
-        EXPECT_EQ(8192, changed.old_size[KAVO_RSS_FILE]);
+        EXPECT_EQ(Records{MemoryReport({8192, (1 << 20) + 8192, 0, 8192}, {8192, 1 << 20, 0, 0})}, sink.Drain());
         // Damaged records are dropped: a negative size, members out of range, a short record.
-        for (auto rss : {RssRecord(5000, KAVO_RSS_ANON, -1, kT0 + 5000 * kMs),
-                         RssRecord(5000, 4, 1 << 30, kT0 + 5000 * kMs),
-                         RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs)}) {
-          Dispatch(rss);
-        }
-        kavo::test::DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
+        Dispatch(RssRecord(5000, KAVO_RSS_ANON, -1, kT0 + 5000 * kMs));
+        Dispatch(RssRecord(5000, 4, 1 << 30, kT0 + 5000 * kMs));
+        Dispatch(RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs));
+        DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
         EXPECT_TRUE(sink.Drain().empty());
-        EXPECT_EQ((1 << 20) + 8192, Task(5000).rssSize[KAVO_RSS_ANON]);
-        EXPECT_EQ(8192, Task(5000).rssSize[KAVO_RSS_FILE]);
+        EXPECT_EQ(Sizes({8192, (1 << 20) + 8192, 0, 8192}), Sizes(Task(5000).rssSize));
 
         // A task-init record replaces the record whole; swap and shared memory trade places.
-        kavo_task_init_event init = {{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
-                                     1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000};
-        Dispatch(init);
+        Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
+                                      1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
         KavoTask task = Task(5000);
         EXPECT_STREQ("init_seeded", task.comm);
         EXPECT_EQ(4, task.oldThreadNum);
-        EXPECT_EQ((std::vector<int64_t>{1 << 20, 2 << 20, 4 << 20, 3 << 20}),
-                  std::vector<int64_t>(task.rssSize, task.rssSize + 4));
-        EXPECT_EQ(0, memcmp(task.rssSize, task.rssOldSize, sizeof(task.rssSize)));
+        EXPECT_EQ(Sizes({1 << 20, 2 << 20, 4 << 20, 3 << 20}), Sizes(task.rssSize));
+        EXPECT_EQ(Sizes(task.rssSize), Sizes(task.rssOldSize));
         EXPECT_EQ(1700000000, task.initTimeStamp);
         EXPECT_EQ(123, task.firstSeenNs);
         EXPECT_EQ(0u, task.mmId);
@@ -150,48 +115,45 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
         // Exits: with the exit record's name; an unknown pid is reported too.
         Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
         Dispatch(ExitRecord(5998, "stranger", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
-        kavo_process_exited_event exited[] = {{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"},
-                                              {KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"}};
-        EXPECT_EQ((std::vector<std::string>{Bytes(exited[0]), Bytes(exited[1])}), sink.Drain());
+        EXPECT_EQ((Records{Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"}),
+                           Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"})}),
+                  sink.Drain());
         EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
 
         // Records of no known kind are errors and change nothing.
-        kavo::test::LogCapture log;
+        LogCapture log;
         Dispatch(ForkRecord(5001, 1, "odd", 3, kT0));
         Dispatch(ExitRecord(5001, "odd", 0, kT0));
         EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR));
         EXPECT_TRUE(log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
-        EXPECT_EQ(1u, sink.Drain().size());  // the raw fork record only
+        EXPECT_TRUE(sink.Drain().empty());
         EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
 
         // Parent unknown to the kernel: asked of /proc; a process gone meanwhile keeps the record's.
-        kavo::test::FakeProcess p;
+        FakeProcess p;
         p.pid = 6000, p.name = "realname", p.ppid = 33;
-        kavo::test::WriteFakeProcess(p);
+        WriteFakeProcess(p);
         Dispatch(ForkRecord(6000, 0, "forkname", KAVO_TASK_PROCESS, kT0));
         Dispatch(ForkRecord(6001, 0, "gone", KAVO_TASK_PROCESS, kT0));
-        records = sink.Drain();
-        ASSERT_EQ(4u, records.size());
-        EXPECT_EQ(33, RecordAs<kavo_process_created_event>(records[1]).ppid);
-        EXPECT_STREQ("realname", RecordAs<kavo_process_created_event>(records[1]).comm);
-        EXPECT_EQ(0, RecordAs<kavo_process_created_event>(records[3]).ppid);
-        EXPECT_STREQ("gone", RecordAs<kavo_process_created_event>(records[3]).comm);
+        EXPECT_EQ((Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6000, 33, 10001, "realname"}),
+                           Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6001, 0, 10001, "gone"})}),
+                  sink.Drain());
       },
-      kavo::test::FakeProc());
+      FakeProc());
 }
 
 TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
-  kavo::test::RunInNamespace(
+  RunInNamespace(
       [] {
         EventSink sink({KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
         struct {
           int pid, ppid;
           const char* comm;
           bool reported;
-        } cases[] = {{0, 1, "idle", false},      {1, 0, "init", true},     {300, 1, "early", false},
-                     {301, 1, "app", true},       {9100, 1, "sh", false},  {9101, 1, "shell_daemon", false},
+        } cases[] = {{0, 1, "idle", false},       {1, 0, "init", true},          {300, 1, "early", false},
+                     {301, 1, "app", true},        {9100, 1, "sh", false},        {9101, 1, "shell_daemon", false},
                      {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false}, {9104, 1, "dumpsysx", false},
-                     {9105, 1, "bash", true},     {9106, 1, "dumpsy", true}};
+                     {9105, 1, "bash", true},      {9106, 1, "dumpsy", true}};
         for (const auto& c : cases) {
           Dispatch(ForkRecord(c.pid, c.ppid, c.comm, KAVO_TASK_PROCESS, kT0));
           Dispatch(RssRecord(c.pid, KAVO_RSS_ANON, 1 << 20, kT0 + 5000 * kMs));
@@ -203,24 +165,23 @@ TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
         // but records are read as they come): too young to report, no overflow.
         Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63));
         Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
-        for (int i = 0; i < 12; ++i) Dispatch(ForkRecord(4242, 4242, "far", KAVO_TASK_THREAD, (1ull << 63) - 1));
-        kavo_task_init_event init = {{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0};
-        Dispatch(init);
+        Threads(4242, 12, (1ull << 63) - 1);
+        Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0});
         Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
         EXPECT_TRUE(sink.Drain().empty());
 
         // A process still called "main" takes its name and parent from /proc
         // at its first record, then again only once 3 s have passed on the
         // seconds clock (moved here by its base).
-        kavo::test::FakeProcess p;
+        FakeProcess p;
         p.pid = 9500, p.name = "main", p.ppid = 700;
-        kavo::test::WriteFakeProcess(p);
+        WriteFakeProcess(p);
         Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0));
         Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
         EXPECT_EQ(700, Task(9500).ppid);
         const int64_t refreshed = Task(9500).lastInfoTime;
         p.ppid = 701;
-        kavo::test::WriteFakeProcess(p);
+        WriteFakeProcess(p);
         for (int elapsed : {2, 3}) {
           __basetime = refreshed + elapsed - static_cast<int64_t>(GetSystemSecondsTime() - __basetime);
           Dispatch(RssRecord(9500, KAVO_RSS_ANON, 8192, kT0 + kMs));
@@ -229,35 +190,35 @@ TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
         // "re-initialized>" is provisional too; a process that is gone keeps
         // its name and is not asked again within 3 s.
         Dispatch(ForkRecord(9501, 600, "re-initialized>", KAVO_TASK_PROCESS, kT0));
-        kavo::test::LogCapture log;
+        LogCapture log;
         Dispatch(RssRecord(9501, KAVO_RSS_ANON, 4096, kT0 + kMs));
         Dispatch(RssRecord(9501, KAVO_RSS_ANON, 8192, kT0 + kMs));
         EXPECT_EQ(1u, log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN));
         EXPECT_STREQ("re-initialized>", Task(9501).comm);
       },
-      kavo::test::FakeProc());
+      FakeProc());
 }
 
 // One ring monitor forwarding in batches: each client gets exactly its
 // events in the order they were made (each raw record, then what its handler
 // derived), batch after batch, a record bigger than any batch included.
 TEST(TaskTable, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
-  kavo::test::RunInNamespace([] {
+  RunInNamespace([] {
     EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
                          KAVO_EVENT_PROCESS_EXITED}, 1000);
     EventSink exits({KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_TASK_EXIT}, 1001);
     EventSink memory({KAVO_EVENT_RSS_STAT}, 1002);
-    std::vector<std::string> toProcesses, toExits, toMemory;
+    Records toProcesses, toExits, toMemory;
     {
       EventManager::BatchScope batch;
       for (int i = 0; i < 100; ++i) {
-        const int pid = 7000 + i;
-        auto fork = ForkRecord(pid, 1, ("proc" + std::to_string(i)).c_str(), KAVO_TASK_PROCESS, 1000 + i, 10000 + i);
-        kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, pid, 1, 10000 + i, {}};
+        const std::string comm = "proc" + std::to_string(i);
+        auto fork = ForkRecord(7000 + i, 1, comm.c_str(), KAVO_TASK_PROCESS, 1000 + i, 10000 + i);
+        auto rss = RssRecord(7000 + i, KAVO_RSS_ANON, 4096 * i, 2000 + i);
+        auto exit = ExitRecord(7000 + i, comm.c_str(), KAVO_TASK_PROCESS, 3000 + i);
+        kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, 7000 + i, 1, 10000 + i, {}};
+        kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, 7000 + i, {}};
         memcpy(created.comm, fork.comm, sizeof(created.comm));
-        auto rss = RssRecord(pid, KAVO_RSS_ANON, 4096 * i, 2000 + i);
-        auto exit = ExitRecord(pid, fork.comm, KAVO_TASK_PROCESS, 3000 + i);
-        kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, pid, {}};
         memcpy(exited.comm, exit.comm, sizeof(exited.comm));
         Dispatch(fork);
         Dispatch(rss);
@@ -267,8 +228,7 @@ TEST(TaskTable, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
         toMemory.push_back(Bytes(rss));
         if (i == 50) {
           std::string huge(EventBatch::kMaxBytes + 1, 'h');
-          const uint32_t type = KAVO_EVENT_RSS_STAT;
-          memcpy(&huge[0], &type, sizeof(type));
+          huge[0] = KAVO_EVENT_RSS_STAT, huge[1] = huge[2] = huge[3] = 0;
           EventManager::GetInstance()->AppendEvent(&huge[0], static_cast<unsigned>(huge.size()));
           toMemory.push_back(huge);
         }

@@ -7,6 +7,7 @@
 
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
+#include "service/kavo_bpf_state.h"
 
 namespace kavo::test {
 
@@ -39,35 +40,26 @@ std::vector<std::string> EventSink::Drain() {
 int RecordType(const std::string& record) { return RecordAs<int32_t>(record); }
 
 kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs, int uid) {
-  kavo_fork_event e = {};
-  e.header.type = KAVO_EVENT_TASK_CREATE;
-  e.header.time_ns = timeNs;
-  e.ppid = ppid;
-  e.pid = pid;
-  e.uid = uid;
+  kavo_fork_event e = {{KAVO_EVENT_TASK_CREATE, 0, timeNs}, ppid, pid, uid, {}, kind};
   snprintf(e.comm, sizeof(e.comm), "%s", comm);
-  e.kind = kind;
   return e;
 }
 
 kavo_exit_event ExitRecord(int pid, const char* comm, uint32_t kind, uint64_t timeNs) {
-  kavo_exit_event e = {};
-  e.header.type = KAVO_EVENT_TASK_EXIT;
-  e.header.time_ns = timeNs;
-  e.pid = pid;
+  kavo_exit_event e = {{KAVO_EVENT_TASK_EXIT, 0, timeNs}, pid, {}, kind};
   snprintf(e.comm, sizeof(e.comm), "%s", comm);
-  e.kind = kind;
   return e;
 }
 
 kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs) {
-  kavo_rss_event e = {};
-  e.header.type = KAVO_EVENT_RSS_STAT;
-  e.header.time_ns = timeNs;
-  e.pid = pid;
-  e.member = member;
-  e.size = size;
-  return e;
+  return {{KAVO_EVENT_RSS_STAT, 0, timeNs}, pid, member, size};
+}
+
+uint64_t Counted(int type) {
+  Kavo::Bpf::KavoBpfDataState* state = Kavo::Bpf::KavoBpfDataState::GetInstance();
+  uint64_t count = 0;
+  for (long long t = state->oldestSecond(); t <= state->newestSecond(); ++t) count += state->counterAt(t, type);
+  return count;
 }
 
 int DispatchBytes(std::string record) {

@@ -6,7 +6,7 @@
 // write callback. Tests of the event handlers read derived events with it.
 //
 //   kavo::test::EventSink sink({50001, 50002});
-//   service->handleSched_SchedProcessFork(...);
+//   kavo::test::Dispatch(kavo::test::ForkRecord(4242, 1, "app", KAVO_TASK_PROCESS, timeNs));
 //   auto records = sink.Drain();   // each: one event record, as sent
 
 #include <string.h>
@@ -44,18 +44,26 @@ T RecordAs(const std::string& record) {
   return value;
 }
 
+// A record's bytes, as the kernel or a handler writes them.
+template <typename Record>
+std::string Bytes(const Record& record) {
+  return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+
 // Ring records built by hand in the layouts the kernel programs write.
-kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs,
-                           int uid = 10001);
+kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs, int uid = 10001);
 kavo_exit_event ExitRecord(int pid, const char* comm, uint32_t kind, uint64_t timeNs);
 kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs);
 
-// Hands |record| to the service as a ring monitor does: counted, forwarded to
+// Hands a record to the service as a ring monitor does: counted, forwarded to
 // subscribers, then handled. Returns the dispatch's result.
 int DispatchBytes(std::string record);
 template <typename Record>
 int Dispatch(const Record& record) {
-  return DispatchBytes(std::string(reinterpret_cast<const char*>(&record), sizeof(record)));
+  return DispatchBytes(Bytes(record));
 }
+
+// Records of |type| the service's state record counted, over all the seconds it holds.
+uint64_t Counted(int type);
 
 }  // namespace kavo::test
