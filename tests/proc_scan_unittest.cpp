@@ -5,8 +5,6 @@
 #include <android/log.h>
 #include <unistd.h>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "support/event_sink.h"
@@ -14,19 +12,14 @@
 #include "support/harness.h"
 #include "support/log_capture.h"
 #include "service/kavo_bpf_service.h"
-#include "service/kavo_bpf_state.h"
-#include "service/kavo_bpf_task_manager.h"
 
 namespace Kavo::Bpf {
 namespace {
 
-using kavo::test::FakeProcess;
-using kavo::test::WriteFile;
-
-KavoTask* Find(int pid) { return KavoTaskManager::GetInstance()->GetKavoTask(pid); }
+using namespace kavo::test;
 
 TEST(ProcScan, TheScanSeedsTableAndClients) {
-  kavo::test::RunInNamespace(
+  RunInNamespace(
       [] {
         EXPECT_FALSE(InitBasetime());  // no /proc/stat: the base stays
         WriteFile("/proc/stat", "cpu 1\nbtime garbage\n");
@@ -38,20 +31,18 @@ TEST(ProcScan, TheScanSeedsTableAndClients) {
         init.pid = 1, init.name = "init", init.ppid = 0, init.uid = 0, init.threads = 3;
         init.rssAnonKb = 1000, init.rssFileKb = 2000, init.rssShmemKb = 300, init.swapKb = 40;
         init.startTicks = 5 * sysconf(_SC_CLK_TCK);
-        kavo::test::WriteFakeProcess(init);
+        WriteFakeProcess(init);
         FakeProcess big;  // 2,097,152 kB and more wrap in the 32-bit kB arithmetic
         big.pid = 4242, big.name = "com.example.app", big.uid = 10050;
         big.rssAnonKb = 2097152, big.rssFileKb = 3145728, big.rssShmemKb = 2097151, big.swapKb = 2097153;
-        kavo::test::WriteFakeProcess(big);
+        WriteFakeProcess(big);
         FakeProcess spaced;  // a blank in the name shifts no stat field
         spaced.pid = 4300, spaced.name = "Web Content", spaced.threads = 7;
-        kavo::test::WriteFakeProcess(spaced);
+        WriteFakeProcess(spaced);
         FakeProcess vanished;  // status read, then gone before its stat
         vanished.pid = 4400, vanished.withStat = false;
-        kavo::test::WriteFakeProcess(vanished);
-        kavo::test::MakeDirs("/proc/4500");  // gone before anything was read
-        kavo::test::MakeDirs("/proc/self");
-        kavo::test::MakeDirs("/proc/12a");
+        WriteFakeProcess(vanished);
+        for (const char* notAProcess : {"/proc/4500", "/proc/self", "/proc/12a"}) MakeDirs(notAProcess);
         // Damaged values are read as missing; a stat of too few fields gives no threads or start.
         WriteFile("/proc/77/status", "Name:\tdamaged\nPPid:\tnone\nUid:\t\nRssAnon:\tlots kB\nRssFile:\t  12 kB\n");
         WriteFile("/proc/77/stat", "77 (damaged) S 1 2 3\n");
@@ -59,108 +50,72 @@ TEST(ProcScan, TheScanSeedsTableAndClients) {
         WriteFile("/proc/500/status", "Name:\t\nPPid:\t\nUid:\t\nRssAnon:\t\nRssFile:\t\nRssShmem:\t\nVmSwap:\t\n");
         WriteFile("/proc/500/stat", "500 () S");
 
-        kavo::test::EventSink sink({KAVO_EVENT_TASK_INIT});
-        KavoBpfDataState* state = KavoBpfDataState::GetInstance();
-        const uint32_t countedBefore = state->counterAt(state->newestSecond(), KAVO_EVENT_TASK_INIT);
+        EventSink sink({KAVO_EVENT_TASK_INIT});
+        const uint64_t countedBefore = Counted(KAVO_EVENT_TASK_INIT);
         KavoBpfService::GetInstance()->initTaskInfo();
-
         EXPECT_EQ(5u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
-        KavoTask* t = Find(1);
-        ASSERT_NE(nullptr, t);
-        EXPECT_STREQ("init", t->comm);
-        EXPECT_EQ(0, t->ppid);
-        EXPECT_EQ(3, t->threadNum);
-        EXPECT_EQ(3, t->oldThreadNum);
-        EXPECT_EQ((std::vector<int64_t>{2000 * 1024, 1000 * 1024, 40 * 1024, 300 * 1024}),
-                  std::vector<int64_t>(t->rssSize, t->rssSize + 4));
-        EXPECT_EQ(1700000005, t->initTimeStamp);
+        EXPECT_EQ("init 1 ppid 0 uid 0 threads 3/3 mm 0 rss 2048000,1024000,40960,307200 "
+                  "old 2048000,1024000,40960,307200 start 1700000005", TaskLine(1));
         // Stamped with the 32-bit boot clock: small, so the first kernel event
         // already counts as 3 s later.
-        EXPECT_GE(t->firstSeenNs, INT32_MIN);
-        EXPECT_LE(t->firstSeenNs, INT32_MAX);
-        t = Find(4242);
-        ASSERT_NE(nullptr, t);
-        EXPECT_STREQ("com.example.app", t->comm);  // 15 characters, whole
-        EXPECT_EQ(10050, t->uid);                  // the real uid, first of four
-        EXPECT_EQ((std::vector<int64_t>{-1073741824, INT32_MIN, INT32_MIN + 1024, 2147482624}),
-                  std::vector<int64_t>(t->rssSize, t->rssSize + 4));
-        t = Find(4300);
-        ASSERT_NE(nullptr, t);
-        EXPECT_STREQ("Web Content", t->comm);
-        EXPECT_EQ(7, t->threadNum);
-        t = Find(77);
-        ASSERT_NE(nullptr, t);
-        EXPECT_EQ(0, t->ppid);
-        EXPECT_EQ(0, t->rssSize[KAVO_RSS_ANON]);
-        EXPECT_EQ(12 * 1024, t->rssSize[KAVO_RSS_FILE]);
-        EXPECT_EQ(0, t->threadNum);
-        EXPECT_EQ(0, t->initTimeStamp);
-        t = Find(500);
-        ASSERT_NE(nullptr, t);
-        EXPECT_STREQ("", t->comm);
-
+        EXPECT_GE(KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs, INT32_MIN);
+        EXPECT_LE(KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs, INT32_MAX);
+        EXPECT_EQ("com.example.app 4242 ppid 1 uid 10050 threads 1/1 mm 0 rss -1073741824,-2147483648,-2147482624,"
+                  "2147482624 old -1073741824,-2147483648,-2147482624,2147482624 start 1700000000", TaskLine(4242));
+        EXPECT_EQ("Web Content 4300 ppid 1 uid 0 threads 7/7 mm 0 rss 0,0,0,0 old 0,0,0,0 start 1700000000",
+                  TaskLine(4300));
+        EXPECT_EQ("damaged 77 ppid 0 uid 0 threads 0/0 mm 0 rss 12288,0,0,0 old 12288,0,0,0 start 0", TaskLine(77));
+        EXPECT_EQ(" 500 ppid 0 uid 0 threads 0/0 mm 0 rss 0,0,0,0 old 0,0,0,0 start 0", TaskLine(500));
         // Each scanned process reached the clients as a task-init record and was counted.
         auto records = sink.Drain();
         ASSERT_EQ(5u, records.size());
-        for (const std::string& record : records) {
-          EXPECT_EQ(88u, record.size());
-          EXPECT_EQ(KAVO_EVENT_TASK_INIT, kavo::test::RecordType(record));
-        }
-        EXPECT_EQ(2 * 5u, state->counterAt(state->newestSecond(), KAVO_EVENT_TASK_INIT) - countedBefore);
+        for (const std::string& record : records) EXPECT_EQ(88u, record.size());
+        EXPECT_EQ(KAVO_EVENT_TASK_INIT, RecordType(records[0]));
+        EXPECT_EQ(2 * 5u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
       },
-      kavo::test::FakeProc());
+      FakeProc());
 }
 
 TEST(ProcScan, ReadersOfNameParentSizeAndInode) {
-  kavo::test::RunInNamespace(
+  RunInNamespace(
       [] {
         KavoBpfService* service = KavoBpfService::GetInstance();
         FakeProcess app;
         app.pid = 4321, app.name = "com.example.app", app.ppid = 610;
-        kavo::test::WriteFakeProcess(app);
-        UpdateProcessExdata info = {};
-        ASSERT_EQ(0, service->getProcessInfo(4321, &info));
-        EXPECT_EQ(4321, info.pid);
-        EXPECT_EQ(610, info.ppid);
-        EXPECT_STREQ("com.example.app", info.comm);
+        WriteFakeProcess(app);
         // Parent before name, a 16-character name (cut to 15), a damaged parent line skipped.
         WriteFile("/proc/77/status", "PPid:\t12\nName:\tabcdefghijklmnop\nPPid:\tgarbage\n");
-        info = {};
-        ASSERT_EQ(0, service->getProcessInfo(77, &info));
-        EXPECT_EQ(12, info.ppid);
-        EXPECT_STREQ("abcdefghijklmno", info.comm);
         WriteFile("/proc/78/status", "Name:\t\nPPid:\t\n");
-        info = {};
-        ASSERT_EQ(0, service->getProcessInfo(78, &info));
-        EXPECT_EQ(0, info.ppid);
-        EXPECT_STREQ("", info.comm);
+        for (UpdateProcessExdata expected : std::vector<UpdateProcessExdata>{
+                 {4321, 610, "com.example.app"}, {77, 12, "abcdefghijklmno"}, {78, 0, ""}}) {
+          UpdateProcessExdata info = {};
+          ASSERT_EQ(0, service->getProcessInfo(expected.pid, &info));
+          EXPECT_EQ(0, memcmp(&expected, &info, sizeof(info))) << expected.pid << " " << info.ppid << " " << info.comm;
+        }
         // A process that is gone leaves the caller's record alone.
-        kavo::test::LogCapture log;
-        UpdateProcessExdata untouched = {5, 6, "keep"};
+        LogCapture log;
+        UpdateProcessExdata untouched = {5, 6, "keep"}, kept = untouched;
         EXPECT_EQ(-1, service->getProcessInfo(79, &untouched));
-        EXPECT_EQ(6, untouched.ppid);
-        EXPECT_STREQ("keep", untouched.comm);
+        EXPECT_EQ(0, memcmp(&kept, &untouched, sizeof(kept)));
         EXPECT_TRUE(log.Contains("[KavoBpfService][GPI] Task not exists, errno info: No such file or directory",
                                  ANDROID_LOG_WARN));
-
         log.Clear();
-        kavo::test::AddFakeFd(300, 9, "/dmabuf:", 8192, 5000000000LL);
+        AddFakeFd(300, 9, "/dmabuf:", 8192, 5000000000LL);
         EXPECT_EQ(8192, service->GetFdSize("/proc/300/fdinfo/9"));
         EXPECT_EQ(5000000000ull, service->GetFdInode("/proc/300/fdinfo/9"));  // above 2^32, whole
         // No such line, damaged and empty values: 0, and no failure to log.
         WriteFile("/proc/300/fdinfo/10", "pos:\t0\nflags:\t02\n");
         WriteFile("/proc/300/fdinfo/11", "size:\tlots\nino:\t-4\n");
         WriteFile("/proc/300/fdinfo/12", "size:\t\nino:\t\n");
-        for (const char* fd : {"10", "11", "12"}) {
-          EXPECT_EQ(0, service->GetFdSize(std::string("/proc/300/fdinfo/") + fd)) << fd;
-          EXPECT_EQ(0u, service->GetFdInode(std::string("/proc/300/fdinfo/") + fd)) << fd;
+        for (std::string fd : {"10", "11", "12", "13"}) {
+          EXPECT_EQ(0, service->GetFdSize("/proc/300/fdinfo/" + fd)) << fd;
+          EXPECT_EQ(0u, service->GetFdInode("/proc/300/fdinfo/" + fd)) << fd;
         }
-        EXPECT_TRUE(log.Lines().empty());
-        EXPECT_EQ(0, service->GetFdSize("/proc/300/fdinfo/13"));
-        EXPECT_EQ(0u, service->GetFdInode("/proc/300/fdinfo/13"));
+        // A missing file is: once per reader.
+        EXPECT_EQ(2u, log.Lines().size());
         EXPECT_EQ(2u, log.Count("Unable to open /proc/300/fdinfo/13", ANDROID_LOG_WARN));
       },
-      kavo::test::FakeProc());
+      FakeProc());
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 // counter or, without one, from the ring's full bit.
 
 #include <android/log.h>
-#include <bpf/bpf.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,7 +12,6 @@
 #include <map>
 
 #include <android-base/properties.h>
-#include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
 #include "support/event_sink.h"
@@ -197,74 +195,11 @@ TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
   EXPECT_EQ(5u, lost);
 }
 
-// Polls as a monitor would until |watch| says the repair is due; false if it
-// is not due within 3 s.
-bool PollUntilDue(RingLossWatch* watch, uint64_t* lost) {
-  for (auto deadline = std::chrono::steady_clock::now() + 3s; !watch->afterPoll(0, lost);) {
-    if (watch->pollTimeoutMs() < 0 || std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(watch->pollTimeoutMs()));
-  }
-  return true;
-}
-
-TEST(RingLossWatch, TheMappedCounterTellsOfLossesAfterItsBaselineOnly) {
-  RunInNamespace([] {
-    struct bpf_map_create_opts opts = {};
-    opts.sz = sizeof(opts), opts.map_flags = BPF_F_MMAPABLE;
-    android::base::unique_fd counter(bpf_map_create(BPF_MAP_TYPE_ARRAY, "ringbuf_lost", 4, 8, 1, &opts));
-    if (counter.get() < 0) KAVO_KERNEL_SKIP(std::string("mmapable array: ") + strerror(errno));
-    const std::string path = KavoBpfService::RINGBUF_LOST_PATH[0];
-    MakeDirs("/sys/fs/bpf/kavo");
-    ASSERT_EQ(0, bpf_obj_pin(counter.get(), path.c_str())) << strerror(errno);
-    auto setLost = [&counter](uint64_t value) {
-      uint32_t key = KAVO_RING_LOST_KEY;
-      ASSERT_EQ(0, bpf_map_update_elem(counter.get(), &key, &value, 0));
-    };
-    setLost(7);  // lost before the watch began: not this run's
-    RingLossWatch watch;
-    EXPECT_FALSE(watch.mapCounter(path + "_absent"));
-    ASSERT_TRUE(watch.mapCounter(path)) << strerror(errno);
-    uint64_t lost = 0;
-    EXPECT_FALSE(watch.afterPoll(4096, &lost));
-    EXPECT_EQ(-1, watch.pollTimeoutMs()) << "nothing lost: the poll waits without a time limit";
-    setLost(10);
-    EXPECT_FALSE(watch.afterPoll(100, &lost));
-    EXPECT_GT(watch.pollTimeoutMs(), 0);
-    EXPECT_LE(watch.pollTimeoutMs(), ResyncSchedule::kQuietMs);
-    setLost(12);
-    EXPECT_FALSE(watch.afterPoll(100, &lost));
-    ASSERT_TRUE(PollUntilDue(&watch, &lost));
-    EXPECT_EQ(5u, lost);
-    EXPECT_EQ(-1, watch.pollTimeoutMs());
-  });
-}
-
-TEST(RingLossWatch, WithoutACounterTheFullBitIsAskedAtABoundedRateAndStillReported) {
-  RingLossWatch watch;
-  int probes = 0;
-  uint64_t found = 0, lost = 0;
-  watch.useProbe([&] { return ++probes, std::exchange(found, 0); });
-  EXPECT_FALSE(watch.afterPoll(0, &lost));  // no record, nothing owed: no probe, no limit
-  EXPECT_EQ(0, probes);
-  EXPECT_EQ(-1, watch.pollTimeoutMs());
-  EXPECT_FALSE(watch.afterPoll(3, &lost));
-  EXPECT_FALSE(watch.afterPoll(3, &lost));  // records again at once: the probe waits ...
-  EXPECT_EQ(1, probes);
-  EXPECT_GE(watch.pollTimeoutMs(), 0);  // ... but the poll is bounded so that it is asked
-  EXPECT_LE(watch.pollTimeoutMs(), RingLossWatch::kProbePeriodMs);
-  std::this_thread::sleep_for(std::chrono::milliseconds(watch.pollTimeoutMs() + 1));
-  EXPECT_FALSE(watch.afterPoll(0, &lost));
-  EXPECT_EQ(2, probes);
-  EXPECT_EQ(-1, watch.pollTimeoutMs()) << "nothing found, nothing owed";
-  std::this_thread::sleep_for(std::chrono::milliseconds(RingLossWatch::kProbePeriodMs));
-  found = 4;
-  EXPECT_FALSE(watch.afterPoll(1, &lost));
-  ASSERT_TRUE(PollUntilDue(&watch, &lost));
-  EXPECT_EQ(4u, lost);
-
-  // A monitor on hand-made rings without a counter: a full bit left from
-  // before is reported by the first status check but repairs nothing; a bit
-  // set later is taken by the monitor for a repair and still reported.
+// A monitor on hand-made rings without a lost-record counter: a full bit
+// left from before is reported by the first status check but repairs
+// nothing; a bit set later is taken by the monitor for a repair, once the
+// ring stays quiet, and still reported.
+TEST(RingLossWatch, WithoutACounterTheFullBitTellsOfLossesAndIsStillReported) {
   RunInNamespace([] {
     std::string why;
     if (!PinRingMaps(&why)) KAVO_KERNEL_SKIP(why);

@@ -27,8 +27,6 @@ KavoTask Task(int pid) {
   return task == nullptr ? KavoTask{} : *task;
 }
 
-std::vector<int64_t> Sizes(std::vector<int64_t> sizes) { return sizes; }
-std::vector<int64_t> Sizes(const int64_t* sizes) { return {sizes, sizes + KAVO_RSS_MEMBERS}; }
 
 // |n| threads of |pid| start (or end, n < 0) at |time|.
 void Threads(int pid, int n, uint64_t time) {
@@ -59,8 +57,8 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
         Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
         EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})},
                   sink.Drain());
-        EXPECT_EQ(1, Task(5000).threadNum);
         EXPECT_EQ(static_cast<int64_t>(kT0), Task(5000).firstSeenNs);
+        EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 0 rss 0,0,0,0 old 0,0,0,0"));
         EXPECT_GT(Task(5000).initTimeStamp, 0);
 
         // Threads: nothing before 3 s however many; then only a change of more than 10.
@@ -98,19 +96,15 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
         Dispatch(RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs));
         DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
         EXPECT_TRUE(sink.Drain().empty());
-        EXPECT_EQ(Sizes({8192, (1 << 20) + 8192, 0, 8192}), Sizes(Task(5000).rssSize));
+        EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 "
+                                          "rss 8192,1056768,0,8192 old 8192,1056768,0,8192 start "));
 
         // A task-init record replaces the record whole; swap and shared memory trade places.
         Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
                                       1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
-        KavoTask task = Task(5000);
-        EXPECT_STREQ("init_seeded", task.comm);
-        EXPECT_EQ(4, task.oldThreadNum);
-        EXPECT_EQ(Sizes({1 << 20, 2 << 20, 4 << 20, 3 << 20}), Sizes(task.rssSize));
-        EXPECT_EQ(Sizes(task.rssSize), Sizes(task.rssOldSize));
-        EXPECT_EQ(1700000000, task.initTimeStamp);
-        EXPECT_EQ(123, task.firstSeenNs);
-        EXPECT_EQ(0u, task.mmId);
+        EXPECT_EQ("init_seeded 5000 ppid 1 uid 1000 threads 4/4 mm 0 rss 1048576,2097152,4194304,3145728 "
+                  "old 1048576,2097152,4194304,3145728 start 1700000000", TaskLine(5000));
+        EXPECT_EQ(123, Task(5000).firstSeenNs);
 
         // Exits: with the exit record's name; an unknown pid is reported too.
         Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));

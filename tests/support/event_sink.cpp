@@ -2,12 +2,14 @@
 
 #include "support/wire.h"
 
+#include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_state.h"
+#include "service/kavo_bpf_task_manager.h"
 
 namespace kavo::test {
 
@@ -53,6 +55,19 @@ kavo_exit_event ExitRecord(int pid, const char* comm, uint32_t kind, uint64_t ti
 
 kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs) {
   return {{KAVO_EVENT_RSS_STAT, 0, timeNs}, pid, member, size};
+}
+
+std::string TaskLine(int pid) {
+  const Kavo::Bpf::KavoTask* t = Kavo::Bpf::KavoTaskManager::GetInstance()->GetKavoTask(pid);
+  if (t == nullptr) return "none";
+  char line[512];
+  snprintf(line, sizeof(line),
+           "%.16s %d ppid %d uid %d threads %d/%d mm %u rss %" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64
+           " old %" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 " start %" PRId64,
+           t->comm, t->pid, t->ppid, t->uid, t->threadNum, t->oldThreadNum, t->mmId, t->rssSize[0], t->rssSize[1],
+           t->rssSize[2], t->rssSize[3], t->rssOldSize[0], t->rssOldSize[1], t->rssOldSize[2], t->rssOldSize[3],
+           t->initTimeStamp);
+  return line;
 }
 
 uint64_t Counted(int type) {

@@ -63,6 +63,11 @@ int Dispatch(const Record& record) {
   return DispatchBytes(Bytes(record));
 }
 
+// The task of |pid| in the service's table in one line, for comparing whole:
+// "<comm> <pid> ppid <ppid> uid <uid> threads <n>/<old> mm <mmId> rss <4 sizes> old <4 sizes> start <s>",
+// sizes in member order (file, anon, swap, shmem); "none" when there is no such task.
+std::string TaskLine(int pid);
+
 // Records of |type| the service's state record counted, over all the seconds it holds.
 uint64_t Counted(int type);
 
