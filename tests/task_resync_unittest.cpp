@@ -69,130 +69,122 @@ std::map<int, std::string> Table() {
 }
 
 TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
-  RunInNamespace(
-      [] {
-        const int64_t tick = 1000000000LL / sysconf(_SC_CLK_TCK);
-        // The scan saw five processes (one whose start does not fit in 64-bit
-        // nanoseconds: not known, so kept); fork records brought four more,
-        // stamped 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
-        WriteProcess(1, "init", 5);
-        WriteProcess(100, "gone", 100);
-        WriteProcess(200, "old", 1000);
-        WriteProcess(300, "exiting", 1000);
-        WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
-        WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
-                                    "18446744073709551 12345678 300\n");
-        Service()->initTaskInfo();
-        EXPECT_EQ(0, KavoTaskManager::GetInstance()->GetKavoTask(650)->startTimeNs);
-        for (int pid : {400, 401, 402, 403}) WriteProcess(pid, pid == 402 ? "reborn" : "kept", 7000);
-        Dispatch(ForkRecord(400, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick + tick / 2, 10400));
-        Dispatch(ForkRecord(401, 1, "kept", KAVO_TASK_PROCESS, 7001 * tick, 10401));
-        Dispatch(ForkRecord(402, 1, "far", KAVO_TASK_PROCESS, 7002 * tick, 10402));
-        Dispatch(ForkRecord(403, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick - 1, 10403));
-        // Records were lost meanwhile: 100 exited and was reaped, 200 was
-        // reaped and its pid taken, 300 exited (a zombie), 500 started, 600
-        // started and exited.
-        RemoveFakeProcess(100);
-        WriteProcess(200, "new", 5000);
-        WriteProcess(300, "exiting", 1000, 'Z');
-        WriteProcess(500, "missed", 8000);
-        WriteProcess(600, "brief", 8100, 'Z');
+  RunInNamespace([] {
+    const int64_t tick = 1000000000LL / sysconf(_SC_CLK_TCK);
+    // The scan saw five processes (one whose start does not fit in 64-bit
+    // nanoseconds: not known, so kept); fork records brought four more,
+    // stamped 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
+    WriteProcess(1, "init", 5);
+    WriteProcess(100, "gone", 100);
+    WriteProcess(200, "old", 1000);
+    WriteProcess(300, "exiting", 1000);
+    WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
+    WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
+                                "18446744073709551 12345678 300\n");
+    Service()->initTaskInfo();
+    EXPECT_EQ(0, KavoTaskManager::GetInstance()->GetKavoTask(650)->startTimeNs);
+    for (int pid : {400, 401, 402, 403}) WriteProcess(pid, pid == 402 ? "reborn" : "kept", 7000);
+    Dispatch(ForkRecord(400, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick + tick / 2, 10400));
+    Dispatch(ForkRecord(401, 1, "kept", KAVO_TASK_PROCESS, 7001 * tick, 10401));
+    Dispatch(ForkRecord(402, 1, "far", KAVO_TASK_PROCESS, 7002 * tick, 10402));
+    Dispatch(ForkRecord(403, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick - 1, 10403));
+    // Records were lost meanwhile: 100 exited and was reaped, 200 was
+    // reaped and its pid taken, 300 exited (a zombie), 500 started, 600
+    // started and exited.
+    RemoveFakeProcess(100);
+    WriteProcess(200, "new", 5000);
+    WriteProcess(300, "exiting", 1000, 'Z');
+    WriteProcess(500, "missed", 8000);
+    WriteProcess(600, "brief", 8100, 'Z');
 
-        EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
-        const uint64_t countedBefore = Counted(KAVO_EVENT_TASK_INIT);
-        LogCapture log;
-        const uint64_t beforeResync = BootNs();
-        Service()->resyncTaskTable(42);
-        EXPECT_EQ((Seen{{100, {"exited:gone"}},
-                        {200, {"exited:old", "init:new", "created:new"}},
-                        {300, {"exited:exiting"}},
-                        {402, {"exited:far", "init:reborn", "created:reborn"}},
-                        {500, {"init:missed", "created:missed"}}}),
-                  ByPid(client.Drain()));
-        EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 42, removed: 2, added: 1, "
-                                "replaced: 2, tasks: 8", ANDROID_LOG_INFO));
-        EXPECT_EQ((std::map<int, std::string>{{1, "init"}, {200, "new"}, {400, "kept"}, {401, "kept"},
-                                              {402, "reborn"}, {403, "kept"}, {500, "missed"}, {650, "ancient"}}),
-                  Table());
-        // Counted as the scan counts: once each through the dispatch, then the number of them.
-        EXPECT_EQ(2 * 3u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
-        EXPECT_EQ(5000 * tick, KavoTaskManager::GetInstance()->GetKavoTask(200)->startTimeNs);
+    EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
+    const uint64_t countedBefore = Counted(KAVO_EVENT_TASK_INIT);
+    LogCapture log;
+    const uint64_t beforeResync = BootNs();
+    Service()->resyncTaskTable(42);
+    EXPECT_EQ((Seen{{100, {"exited:gone"}},
+                    {200, {"exited:old", "init:new", "created:new"}},
+                    {300, {"exited:exiting"}},
+                    {402, {"exited:far", "init:reborn", "created:reborn"}},
+                    {500, {"init:missed", "created:missed"}}}),
+              ByPid(client.Drain()));
+    EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 42, removed: 2, added: 1, "
+                            "replaced: 2, tasks: 8", ANDROID_LOG_INFO));
+    EXPECT_EQ((std::map<int, std::string>{{1, "init"}, {200, "new"}, {400, "kept"}, {401, "kept"},
+                                          {402, "reborn"}, {403, "kept"}, {500, "missed"}, {650, "ancient"}}),
+              Table());
+    // Counted as the scan counts: once each through the dispatch, then the number of them.
+    EXPECT_EQ(2 * 3u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
+    EXPECT_EQ(5000 * tick, KavoTaskManager::GetInstance()->GetKavoTask(200)->startTimeNs);
 
-        // A late exit record from before the repair looked was reported
-        // already, and does not take a new process under the pid out; one
-        // from a later process under the pid is reported.
-        Dispatch(ExitRecord(100, "gone", KAVO_TASK_PROCESS, beforeResync));
-        Dispatch(ExitRecord(200, "old", KAVO_TASK_PROCESS, beforeResync));
-        EXPECT_TRUE(client.Drain().empty());
-        EXPECT_EQ("new", Table()[200]);
-        Dispatch(ExitRecord(100, "later", KAVO_TASK_PROCESS, BootNs()));
-        EXPECT_EQ((Seen{{100, {"exited:later"}}}), ByPid(client.Drain()));
+    // A late exit record from before the repair looked was reported
+    // already, and does not take a new process under the pid out; one
+    // from a later process under the pid is reported.
+    Dispatch(ExitRecord(100, "gone", KAVO_TASK_PROCESS, beforeResync));
+    Dispatch(ExitRecord(200, "old", KAVO_TASK_PROCESS, beforeResync));
+    EXPECT_TRUE(client.Drain().empty());
+    EXPECT_EQ("new", Table()[200]);
+    Dispatch(ExitRecord(100, "later", KAVO_TASK_PROCESS, BootNs()));
+    EXPECT_EQ((Seen{{100, {"exited:later"}}}), ByPid(client.Drain()));
 
-        log.Clear();
-        Service()->resyncTaskTable(1);  // nothing changed since
-        EXPECT_TRUE(client.Drain().empty());
-        EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 1, removed: 0, added: 0, "
-                                "replaced: 0, tasks: 8"));
-      },
-      FakeProc());
+    log.Clear();
+    Service()->resyncTaskTable(1);  // nothing changed since
+    EXPECT_TRUE(client.Drain().empty());
+    EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 1, removed: 0, added: 0, "
+                            "replaced: 0, tasks: 8"));
+  }, FakeProc());
 }
 
 TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
-  RunInNamespace(
-      [] {
-        WriteProcess(700, "zombie-a", 50, 'Z');
-        WriteProcess(701, "zombie-b", 60, 'Z');
-        WriteProcess(702, "zombie-c", 70, 'Z');
-        WriteProcess(703, "worker", 80);
-        Service()->initTaskInfo();
-        EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
-        LogCapture log;
-        Service()->clearScanZombies();  // not reaped yet: they stay
-        EXPECT_TRUE(client.Drain().empty());
-        // 700 reaped; 701 reaped and its pid taken; 703, no zombie, ended: its
-        // own exit record says so, not this check.
-        RemoveFakeProcess(700);
-        WriteProcess(701, "taker", 9000);
-        RemoveFakeProcess(703);
-        Service()->clearScanZombies();
-        EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}),
-                  ByPid(client.Drain()));
-        EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}), Table());
-        EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3",
-                                ANDROID_LOG_INFO));
-        RemoveFakeProcess(702);
-        Service()->clearScanZombies();
-        EXPECT_EQ((Seen{{702, {"exited:zombie-c"}}}), ByPid(client.Drain()));
-        log.Clear();
-        Service()->clearScanZombies();  // nothing left to watch: no event, no line
-        EXPECT_TRUE(client.Drain().empty());
-        EXPECT_FALSE(log.Contains("clearScanZombies"));
-      },
-      FakeProc());
+  RunInNamespace([] {
+    WriteProcess(700, "zombie-a", 50, 'Z');
+    WriteProcess(701, "zombie-b", 60, 'Z');
+    WriteProcess(702, "zombie-c", 70, 'Z');
+    WriteProcess(703, "worker", 80);
+    Service()->initTaskInfo();
+    EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
+    LogCapture log;
+    Service()->clearScanZombies();  // not reaped yet: they stay
+    EXPECT_TRUE(client.Drain().empty());
+    // 700 reaped; 701 reaped and its pid taken; 703, no zombie, ended: its
+    // own exit record says so, not this check.
+    RemoveFakeProcess(700);
+    WriteProcess(701, "taker", 9000);
+    RemoveFakeProcess(703);
+    Service()->clearScanZombies();
+    EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}),
+              ByPid(client.Drain()));
+    EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}), Table());
+    EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3",
+                            ANDROID_LOG_INFO));
+    RemoveFakeProcess(702);
+    Service()->clearScanZombies();
+    EXPECT_EQ((Seen{{702, {"exited:zombie-c"}}}), ByPid(client.Drain()));
+    log.Clear();
+    Service()->clearScanZombies();  // nothing left to watch: no event, no line
+    EXPECT_TRUE(client.Drain().empty());
+    EXPECT_FALSE(log.Contains("clearScanZombies"));
+  }, FakeProc());
 }
 
+// When a repair is due: 300 ms after the last loss of a burst (299, 300,
+// 301), or, for losses that never pause, a second after the first (999, 1000).
 TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
-  uint64_t lost = 0;
-  ResyncSchedule schedule;
-  EXPECT_EQ(-1, schedule.msUntilDue(0));
-  EXPECT_FALSE(schedule.takeDue(1000000, &lost));
-  // One burst: due 300 ms after its last loss (299, 300, 301).
-  schedule.noteLoss(5, 1000);
-  schedule.noteLoss(2, 1200);
-  EXPECT_EQ(300, schedule.msUntilDue(1200));
-  EXPECT_EQ(1, schedule.msUntilDue(1499));
-  EXPECT_FALSE(schedule.takeDue(1499, &lost));
-  EXPECT_TRUE(schedule.takeDue(1500, &lost));
-  EXPECT_EQ(7u, lost);
-  EXPECT_EQ(-1, schedule.msUntilDue(1501));
-  schedule.noteLoss(1, 5000);
-  EXPECT_TRUE(schedule.takeDue(5301, &lost)) << "late is due as well";
-  // Losses that never pause: due a second after the first (999, 1000), not later.
-  for (int64_t t = 10000; t <= 10800; t += 200) schedule.noteLoss(1, t);
-  EXPECT_EQ(1, schedule.msUntilDue(10999));
-  EXPECT_FALSE(schedule.takeDue(10999, &lost));
-  EXPECT_TRUE(schedule.takeDue(11000, &lost));
-  EXPECT_EQ(5u, lost);
+  struct {
+    std::vector<int64_t> losses;
+    int64_t at;
+    bool due;
+  } cases[] = {{{}, 100000, false},      {{0, 200}, 499, false},           {{0, 200}, 500, true},
+               {{0, 200}, 501, true},     {{0, 200, 400, 600, 800}, 999, false}, {{0, 200, 400, 600, 800}, 1000, true}};
+  for (const auto& c : cases) {
+    ResyncSchedule schedule;
+    for (int64_t t : c.losses) schedule.noteLoss(3, t);
+    uint64_t lost = 0;
+    EXPECT_EQ(c.losses.empty() ? -1 : c.due ? 0 : 1, schedule.msUntilDue(c.at)) << c.at;
+    EXPECT_EQ(c.due, schedule.takeDue(c.at, &lost)) << c.at;
+    EXPECT_EQ(c.due ? 3 * c.losses.size() : 0, lost);
+    EXPECT_FALSE(schedule.takeDue(c.at, &lost));  // taken, or still not due
+  }
 }
 
 // A monitor on hand-made rings without a lost-record counter: a full bit
