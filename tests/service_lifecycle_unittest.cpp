@@ -4,7 +4,6 @@
 // records and rings.
 
 #include <android-base/properties.h>
-#include <android/log.h>
 #include <signal.h>
 #include <sys/mount.h>
 
@@ -41,12 +40,10 @@ bool HasThread(const char* name) { return ThreadNames().find(std::string(name) +
 // A client subscribes and is answered.
 void ExpectServed(uint32_t reqId) {
   RawClient client;
-  ASSERT_TRUE(client.Connect());
-  ASSERT_TRUE(client.Send(RequestFrame(reqId, 51, KAVO_EVENT_TASK_CREATE)));
+  ASSERT_TRUE(client.Connect() && client.Send(RequestFrame(reqId, 51, KAVO_EVENT_TASK_CREATE)));
   auto frame = client.ReadFrame(2s);
   ASSERT_TRUE(frame && AsResponse(*frame));
-  EXPECT_EQ(reqId, AsResponse(*frame)->reqId);
-  EXPECT_EQ(0, AsResponse(*frame)->result);
+  EXPECT_TRUE(AsResponse(*frame)->reqId == reqId && AsResponse(*frame)->result == 0) << reqId;
 }
 
 void ExpectPromptStop() {
@@ -105,10 +102,8 @@ TEST(ServiceLifecycle, ReadyOnADeviceWithoutBpfFileSystemOrWritableData) {
     EXPECT_FALSE(log.Contains("ring buf poll"));  // no monitor ever polled
 
     // A damaged frame is lost as usual; its record only reaches the log.
-    RawClient client;
-    ASSERT_TRUE(client.Connect());
-    const uint32_t tooBig = 40000;
-    ASSERT_TRUE(client.Send(std::string(reinterpret_cast<const char*>(&tooBig), 4)));
+    RawClient client;  // announces a frame of 40000 bytes
+    ASSERT_TRUE(client.Connect() && client.Send(std::string("\x40\x9c\x00\x00", 4)));
     EXPECT_TRUE(log.WaitFor("failed to write /data/kavolog/stability/kavobpfframework/error.log, error: "));
     EXPECT_TRUE(log.Contains(
         "failed to read /data/kavolog/stability/kavobpfframework/error.log, error: No such file or directory"));

@@ -4,7 +4,6 @@
 // is due: once per burst of losses, learnt from the set's mapped lost-record
 // counter or, without one, from the ring's full bit.
 
-#include <android/log.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -74,10 +73,8 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     // The scan saw five processes (one whose start does not fit in 64-bit
     // nanoseconds: not known, so kept); fork records brought four more,
     // stamped 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
-    WriteProcess(1, "init", 5);
-    WriteProcess(100, "gone", 100);
-    WriteProcess(200, "old", 1000);
-    WriteProcess(300, "exiting", 1000);
+    for (auto [pid, name, ticks] : {std::tuple{1, "init", 5}, {100, "gone", 100}, {200, "old", 1000}, {300, "exiting", 1000}})
+      WriteProcess(pid, name, ticks);
     WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
     WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
                                 "18446744073709551 12345678 300\n");
@@ -137,10 +134,9 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
 
 TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
   RunInNamespace([] {
-    WriteProcess(700, "zombie-a", 50, 'Z');
-    WriteProcess(701, "zombie-b", 60, 'Z');
-    WriteProcess(702, "zombie-c", 70, 'Z');
-    WriteProcess(703, "worker", 80);
+    for (auto [pid, name, state] : {std::tuple{700, "zombie-a", 'Z'}, {701, "zombie-b", 'Z'}, {702, "zombie-c", 'Z'},
+                                    {703, "worker", 'S'}})
+      WriteProcess(pid, name, pid - 650, state);
     Service()->initTaskInfo();
     EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
     LogCapture log;
@@ -162,8 +158,7 @@ TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
     EXPECT_EQ((Seen{{702, {"exited:zombie-c"}}}), ByPid(client.Drain()));
     log.Clear();
     Service()->clearScanZombies();  // nothing left to watch: no event, no line
-    EXPECT_TRUE(client.Drain().empty());
-    EXPECT_FALSE(log.Contains("clearScanZombies"));
+    EXPECT_TRUE(client.Drain().empty() && !log.Contains("clearScanZombies"));
   }, FakeProc());
 }
 
