@@ -73,8 +73,9 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     // The scan saw five processes (one whose start does not fit in 64-bit
     // nanoseconds: not known, so kept); fork records brought four more,
     // stamped 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
-    for (auto [pid, name, ticks] : {std::tuple{1, "init", 5}, {100, "gone", 100}, {200, "old", 1000}, {300, "exiting", 1000}})
+    for (auto [pid, name, ticks] : {std::tuple{1, "init", 5}, {100, "gone", 100}, {200, "old", 1000}, {300, "exiting", 1000}}) {
       WriteProcess(pid, name, ticks);
+    }
     WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
     WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
                                 "18446744073709551 12345678 300\n");
@@ -135,8 +136,9 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
 TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
   RunInNamespace([] {
     for (auto [pid, name, state] : {std::tuple{700, "zombie-a", 'Z'}, {701, "zombie-b", 'Z'}, {702, "zombie-c", 'Z'},
-                                    {703, "worker", 'S'}})
+                                    {703, "worker", 'S'}}) {
       WriteProcess(pid, name, pid - 650, state);
+    }
     Service()->initTaskInfo();
     EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
     LogCapture log;
@@ -151,8 +153,7 @@ TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
     EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}),
               ByPid(client.Drain()));
     EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}), Table());
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3",
-                            ANDROID_LOG_INFO));
+    EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3", ANDROID_LOG_INFO));
     RemoveFakeProcess(702);
     Service()->clearScanZombies();
     EXPECT_EQ((Seen{{702, {"exited:zombie-c"}}}), ByPid(client.Drain()));

@@ -108,8 +108,7 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
     Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
     Dispatch(ExitRecord(5998, "stranger", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
     EXPECT_EQ((Records{Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"}),
-                       Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"})}),
-              sink.Drain());
+                       Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"})}), sink.Drain());
     EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
 
     // Records of no known kind are errors and change nothing.

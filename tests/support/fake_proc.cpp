@@ -15,19 +15,16 @@ std::string Dir(int pid) { return "/proc/" + std::to_string(pid); }
 
 void WriteFakeProcess(const FakeProcess& p) {
   char status[1024];
-  snprintf(status, sizeof(status),
-           "Name:\t%s\nUmask:\t0022\nState:\tS (sleeping)\nTgid:\t%d\nNgid:\t0\nPid:\t%d\n"
+  snprintf(status, sizeof(status), "Name:\t%s\nUmask:\t0022\nState:\tS (sleeping)\nTgid:\t%d\nNgid:\t0\nPid:\t%d\n"
            "PPid:\t%d\nTracerPid:\t0\nUid:\t%d\t%d\t%d\t%d\nGid:\t0\t0\t0\t0\nFDSize:\t64\n"
            "VmPeak:\t   10000 kB\nVmRSS:\t    %lld kB\nRssAnon:\t    %lld kB\nRssFile:\t    %lld kB\n"
            "RssShmem:\t    %lld kB\nVmData:\t    100 kB\nVmSwap:\t    %lld kB\nThreads:\t%d\n",
            p.name.c_str(), p.pid, p.pid, p.ppid, p.uid, p.uid + 1, p.uid + 2, p.uid + 3,
-           p.rssAnonKb + p.rssFileKb + p.rssShmemKb, p.rssAnonKb, p.rssFileKb, p.rssShmemKb, p.swapKb,
-           p.threads);
+           p.rssAnonKb + p.rssFileKb + p.rssShmemKb, p.rssAnonKb, p.rssFileKb, p.rssShmemKb, p.swapKb, p.threads);
   WriteFile(Dir(p.pid) + "/status", status);
   if (p.withStat) {
     char stat[1024];
-    snprintf(stat, sizeof(stat),
-             "%d (%s) %c %d %d %d 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 %d 0 %lld 12345678 300 "
+    snprintf(stat, sizeof(stat), "%d (%s) %c %d %d %d 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 %d 0 %lld 12345678 300 "
              "18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
              p.pid, p.name.c_str(), p.state, p.ppid, p.pid, p.pid, p.threads, p.startTicks);
     WriteFile(Dir(p.pid) + "/stat", stat);
