@@ -18,7 +18,7 @@ namespace {
 
 using namespace kavo::test;
 
-TEST(ProcScan, TheScanSeedsTableAndClients) {
+TEST(TaskScan, TheScanSeedsTableAndClients) {
   RunInNamespace([] {
     EXPECT_FALSE(InitBasetime());  // no /proc/stat: the base stays
     WriteFile("/proc/stat", "cpu 1\nbtime garbage\n");
@@ -74,7 +74,7 @@ TEST(ProcScan, TheScanSeedsTableAndClients) {
   }, FakeProc());
 }
 
-TEST(ProcScan, ReadersOfNameParentSizeAndInode) {
+TEST(TaskScan, ReadersOfNameParentSizeAndInode) {
   RunInNamespace([] {
     KavoBpfService* service = KavoBpfService::GetInstance();
     // Parent before name, a 16-character name (cut to 15), a damaged

@@ -47,7 +47,7 @@ std::string MemoryReport(std::vector<int64_t> sizes, std::vector<int64_t> oldSiz
   return Bytes(e);
 }
 
-TEST(TaskTable, AProcessLifeThroughTheHandlers) {
+TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
   RunInNamespace([] {
     EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED,
                     KAVO_EVENT_MEMORY_CHANGED});
@@ -132,7 +132,7 @@ TEST(TaskTable, AProcessLifeThroughTheHandlers) {
   }, FakeProc());
 }
 
-TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
+TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
   RunInNamespace([] {
     EventSink sink({KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
     struct {
@@ -190,7 +190,7 @@ TEST(TaskTable, WhoseMemoryIsReportedAndProvisionalNames) {
 // One ring monitor forwarding in batches: each client gets exactly its
 // events in the order they were made (each raw record, then what its handler
 // derived), batch after batch, a record bigger than any batch included.
-TEST(TaskTable, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
+TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
   RunInNamespace([] {
     EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
                          KAVO_EVENT_PROCESS_EXITED}, 1000);
