@@ -139,7 +139,7 @@ void LoseAndRepair(bool withLostCounter) {
   kavo::test::KavoSystem system;
   ASSERT_TRUE(system.StartDaemon(&why)) << why;
   EXPECT_EQ(!withLostCounter, system.Output().find("no lost-record counter") != std::string::npos);
-  kavobpf::Client client;
+  kavobpf::Client client({kavobpf::kDefaultSocket, 1000000});
   ASSERT_TRUE(client.Connect(5s));
   ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_CREATED));
   ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
@@ -197,7 +197,7 @@ TEST(TaskResyncOnKernel, ALargeRingLosesNothingAndRepairsNothing) {
     kavo::test::KavoSystem system({{"--ring-size", "16777216"}, {}, ""});
     std::string why;
     if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
-    kavobpf::Client client;
+    kavobpf::Client client({kavobpf::kDefaultSocket, 1000000});
     ASSERT_TRUE(client.Connect(5s));
     ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_CREATED));
     ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
