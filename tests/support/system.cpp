@@ -90,14 +90,17 @@ bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
                    const std::function<bool(const std::vector<kavobpf::Event>&)>& done,
                    std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done(*events)) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    if (auto event = client.NextEvent(std::min<std::chrono::milliseconds>(left, 100ms))) {
+  for (std::chrono::milliseconds wait(0);; wait = 100ms) {
+    // What has come so far (up to a batch: the machine's records never stop),
+    // then the condition once for all of it.
+    for (int taken = 0; taken < 50000; ++taken) {
+      auto event = client.NextEvent(taken == 0 ? wait : 0ms);
+      if (!event) break;
       events->push_back(std::move(*event));
     }
+    if (done(*events)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
   }
-  return true;
 }
 
 std::vector<size_t> EventsOf(const std::vector<kavobpf::Event>& events, int32_t type, pid_t pid) {
