@@ -97,7 +97,6 @@ CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSecond
     child.WaitExit(std::chrono::seconds(10), &status);
   }
   if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) result.termSignal = WTERMSIG(status);
   result.output = child.Output();
   return result;
 }
