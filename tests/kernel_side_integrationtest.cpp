@@ -56,9 +56,9 @@ using kavo::test::WaitUntil;
 
 constexpr int64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
 const std::vector<std::pair<std::string, std::string>> kKprobes = {
-    {"KavoBpfDefineset", "enter_fd_install"},         {"KavoBpfGplDefineset", "dma_buf_file_release"},
-    {"KavoBpfGplDefineset", "dma_buf_stats_setup"},   {"KavoBpfGplDefineset", "dma_buf_dynamic_attach"},
-    {"KavoBpfGplDefineset", "dma_buf_vmap"},          {"KavoBpfGplDefineset", "dma_buf_mmap_internal"}};
+    {"KavoBpfDefineset", "enter_fd_install"},       {"KavoBpfGplDefineset", "dma_buf_file_release"},
+    {"KavoBpfGplDefineset", "dma_buf_stats_setup"}, {"KavoBpfGplDefineset", "dma_buf_dynamic_attach"},
+    {"KavoBpfGplDefineset", "dma_buf_vmap"},        {"KavoBpfGplDefineset", "dma_buf_mmap_internal"}};
 
 size_t Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
@@ -89,8 +89,12 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
       EXPECT_EQ(1u, Lines(result.output)) << result.output;
       EXPECT_NE(std::string::npos, result.output.find("--ring-size")) << result.output;
     }
-    for (std::vector<std::string> bad : {std::vector<std::string>{"--ring-size"}, {"--probe-flavour"}, {"--bogus"},
-                                         {"stray"}, {"--probe-flavour", "fentry"}, {"--probe-flavour", "KPROBE"}}) {
+    for (std::vector<std::string> bad : {std::vector<std::string>{"--ring-size"},
+                                         {"--probe-flavour"},
+                                         {"--bogus"},
+                                         {"stray"},
+                                         {"--probe-flavour", "fentry"},
+                                         {"--probe-flavour", "KPROBE"}}) {
       bad.insert(bad.begin(), ToolPath("kavobpf_loader"));
       auto result = RunCommand(bad);
       EXPECT_EQ(2, result.exitCode) << bad[1] << ": " << result.output;
@@ -116,14 +120,15 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     EXPECT_EQ(0, RunCommand({ToolPath("kavobpf_loader"), "--unload"}).exitCode) << "nothing to unload is fine";
 
     // Root without the capabilities loading takes: the set refused, nothing pinned.
-    auto refused = RunCommand({"setpriv", "--inh-caps=-all", "--bounding-set=-bpf,-sys_admin,-perfmon",
-                               ToolPath("kavobpf_loader")});
+    auto refused = RunCommand(
+        {"setpriv", "--inh-caps=-all", "--bounding-set=-bpf,-sys_admin,-perfmon", ToolPath("kavobpf_loader")});
     EXPECT_EQ(1, refused.exitCode);
     EXPECT_NE(std::string::npos, refused.output.find("kavobpf_loader: the kernel refused KavoBpfDefineset: Operation "
                                                      "not permitted (needs root, or CAP_BPF and CAP_PERFMON)"))
         << refused.output;
     for (const std::string& path : kavo::test::LoaderPins()) EXPECT_FALSE(PathExists(path)) << path;
-    auto nobody = RunCommand({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", ToolPath("kavobpf_loader")});
+    auto nobody =
+        RunCommand({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", ToolPath("kavobpf_loader")});
     EXPECT_NE(0, nobody.exitCode);
     EXPECT_NE(std::string::npos, nobody.output.find("needs root")) << nobody.output;
     ASSERT_EQ(0, mount("tmpfs", "/sys/fs/bpf", "tmpfs", 0, nullptr));
@@ -140,7 +145,8 @@ std::vector<kavo::loader::ProgramSection> ObjectPrograms(size_t set) {
   struct kavo_bpf_object_image image = kavo_bpf_object_image(set);
   struct bpf_object* object = bpf_object__open_mem(image.data, image.size, nullptr);
   struct bpf_program* prog;
-  bpf_object__for_each_program(prog, object) sections.push_back({bpf_program__name(prog), bpf_program__section_name(prog)});
+  bpf_object__for_each_program(prog, object)
+      sections.push_back({bpf_program__name(prog), bpf_program__section_name(prog)});
   bpf_object__close(object);
   return sections;
 }
@@ -157,7 +163,8 @@ std::string Choose(size_t set, const std::string& program, kavo::loader::ProbeFl
   };
   std::vector<kavo::loader::ProbeChoice> choices;
   std::string error;
-  EXPECT_TRUE(kavo::loader::ChooseProbePrograms(ObjectPrograms(set), flavour, kprobes, loads, &choices, &error)) << error;
+  EXPECT_TRUE(kavo::loader::ChooseProbePrograms(ObjectPrograms(set), flavour, kprobes, loads, &choices, &error))
+      << error;
   for (const auto& c : choices) {
     if (c.program == program) return c.chosen + " " + c.flavour + " " + c.function + (c.why.empty() ? "" : " " + c.why);
   }
@@ -169,15 +176,18 @@ TEST(Loader, PinsKprobesWhereTheKernelHasThemAndTrampolineTwinsElsewhere) {
   int asked = 0;  // with kprobes, trampolines are never tried
   EXPECT_EQ("enter_fd_install kprobe fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kAuto, true, {}, &asked));
   EXPECT_EQ("dma_buf_vmap kprobe dma_buf_vmap", Choose(1, "dma_buf_vmap", ProbeFlavour::kAuto, true, {}, &asked));
-  EXPECT_EQ("enter_fd_install kprobe fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kKprobe, false, {}, &asked));
+  EXPECT_EQ("enter_fd_install kprobe fd_install",
+            Choose(0, "enter_fd_install", ProbeFlavour::kKprobe, false, {}, &asked));
   EXPECT_EQ(0, asked);
   EXPECT_EQ("enter_fd_install__fentry fentry fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kAuto, false));
-  EXPECT_EQ("enter_fd_install__fentry fentry fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kTrampoline, true));
+  EXPECT_EQ("enter_fd_install__fentry fentry fd_install",
+            Choose(0, "enter_fd_install", ProbeFlavour::kTrampoline, true));
   EXPECT_EQ("dma_buf_stats_setup__export fexit dma_buf_export",
             Choose(1, "dma_buf_stats_setup", ProbeFlavour::kAuto, false, {"dma_buf_stats_setup"}));
-  EXPECT_EQ("dma_buf_stats_setup kprobe dma_buf_stats_setup fentry on dma_buf_stats_setup refused; fexit on "
-            "dma_buf_export refused",
-            Choose(1, "dma_buf_stats_setup", ProbeFlavour::kAuto, false, {"dma_buf_stats_setup", "dma_buf_export"}));
+  EXPECT_EQ(
+      "dma_buf_stats_setup kprobe dma_buf_stats_setup fentry on dma_buf_stats_setup refused; fexit on "
+      "dma_buf_export refused",
+      Choose(1, "dma_buf_stats_setup", ProbeFlavour::kAuto, false, {"dma_buf_stats_setup", "dma_buf_export"}));
   std::vector<kavo::loader::ProbeChoice> choices;
   std::string error;
   EXPECT_FALSE(kavo::loader::ChooseProbePrograms(
@@ -200,11 +210,13 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     }
     kavo::test::LogCapture log;
     android::base::SetProperty("ro.kernel.version", "5.15");
-    EXPECT_EQ(failing["KavoBpfDefineset"], AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
+    EXPECT_EQ(failing["KavoBpfDefineset"],
+              AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
     for (size_t i = 1; i < kKprobes.size(); ++i) {
-      EXPECT_EQ(1u, log.Count("Skip bpf prog: KavoBpfGplDefineset, progName: " + kKprobes[i].second + ", kernelCompat: 6.1+",
-                              ANDROID_LOG_WARN));
+      EXPECT_EQ(
+          1u, log.Count("Skip bpf prog: KavoBpfGplDefineset, progName: " + kKprobes[i].second + ", kernelCompat: 6.1+",
+                        ANDROID_LOG_WARN));
     }
     EXPECT_EQ(5u, log.Count("Skip bpf prog"));
     EXPECT_EQ(7u, log.Count("Attach bpf prog start:")) << "five base programs and the two GPL tracepoints";
@@ -221,12 +233,15 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
       kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
       bool attaches = kavo::test::PinnedProbeAttaches(pinned);
       failures[set] += attaches ? 0 : 1;
-      EXPECT_EQ(attaches ? 0u : 1u, log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ",
-                                              ANDROID_LOG_ERROR)) << program;
+      EXPECT_EQ(
+          attaches ? 0u : 1u,
+          log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ", ANDROID_LOG_ERROR))
+          << program;
     }
     EXPECT_EQ(6u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: ", ANDROID_LOG_INFO));
     EXPECT_EQ(12u, log.Count("Attach bpf prog start: ", ANDROID_LOG_INFO));
-    EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ", ANDROID_LOG_ERROR));
+    EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ",
+                            ANDROID_LOG_ERROR));
     EXPECT_TRUE(log.WaitFor("[KavoBpfService][eventProduceThread] Attach all kavo bpf error: " +
                             std::to_string(failures["KavoBpfDefineset"])));
     EXPECT_TRUE(failures["KavoBpfGplDefineset"] == 0 ||
@@ -235,7 +250,8 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE});
     pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
     EXPECT_TRUE(WaitUntil([&] {
-      for (const std::string& r : client.Drain()) if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
+      for (const std::string& r : client.Drain())
+        if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
       return false;
     })) << "the fork program next to the refused one";
     service->stop();
@@ -265,14 +281,18 @@ TEST(Catalogue, ATracingProgramInAKprobesPlaceIsAttachedThroughALink) {
     int others = 0;
     for (size_t i = 1; i < kKprobes.size(); ++i) {
       if (kKprobes[i].second == "dma_buf_vmap") continue;
-      others += kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, kKprobes[i].first, kKprobes[i].second)) ? 0 : 1;
+      others +=
+          kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, kKprobes[i].first, kKprobes[i].second)) ? 0
+                                                                                                                    : 1;
     }
     EXPECT_EQ(1 + others, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
     EXPECT_EQ(1u, log.Count("Attach kprobe prog failed: KavoBpfGplDefineset, progname: dma_buf_vmap, msg: "));
     // The directory walk: a second link, so each fork now counts twice.
     log.Clear();
     AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR);
-    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, eventName: fd_install"));
+    EXPECT_EQ(
+        1u, log.Count(
+                "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, eventName: fd_install"));
     kavo::test::ForkAndReapChildren(2);
     EXPECT_EQ(3 + 2 * 2, ReadControlWord(counter));
   });
@@ -288,7 +308,8 @@ pid_t RunChild(const std::string& cgroupProcs = "") {
     if (memory == MAP_FAILED) _exit(1);
     for (size_t at = 0; at < kGrowth; at += 4096) static_cast<volatile char*>(memory)[at] = 1;
     pthread_t thread;
-    pthread_create(&thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
+    pthread_create(
+        &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
     pthread_join(thread, nullptr);
     if (!cgroupProcs.empty()) kavo::test::WriteFile(cgroupProcs, std::to_string(getpid()));
     _exit(0);
@@ -342,7 +363,8 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     auto records0 = kavo::test::DrainRing(ring0), records1 = kavo::test::DrainRing(ring1);
     auto forks = RecordsOf<kavo_fork_event>(records0, KAVO_EVENT_TASK_CREATE, pid);
     ASSERT_EQ(2u, forks.size()) << "the process, then its thread";
-    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_PROCESS, KAVO_TASK_THREAD}), std::vector<uint32_t>({forks[0].kind, forks[1].kind}));
+    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_PROCESS, KAVO_TASK_THREAD}),
+              std::vector<uint32_t>({forks[0].kind, forks[1].kind}));
     EXPECT_EQ(getpid(), forks[0].ppid);
     EXPECT_EQ(getpid(), forks[1].ppid);
     EXPECT_EQ(0, forks[0].uid);
@@ -350,7 +372,8 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     EXPECT_GE(forks[0].header.time_ns, before);
     auto exits = RecordsOf<kavo_exit_event>(records0, KAVO_EVENT_TASK_EXIT, pid);
     ASSERT_EQ(2u, exits.size()) << "the thread, then the process";
-    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_THREAD, KAVO_TASK_PROCESS}), std::vector<uint32_t>({exits[0].kind, exits[1].kind}));
+    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_THREAD, KAVO_TASK_PROCESS}),
+              std::vector<uint32_t>({exits[0].kind, exits[1].kind}));
     EXPECT_LE(forks[0].header.time_ns, exits[1].header.time_ns);
     int64_t largestAnon = 0;
     for (const kavo_rss_event& r : RecordsOf<kavo_rss_event>(records0, KAVO_EVENT_RSS_STAT, pid)) {
@@ -361,7 +384,8 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     auto moves = RecordsOf<kavo_cgroup_attach_event>(records1, KAVO_EVENT_CGROUP_ATTACH, pid);
     ASSERT_EQ(1u, moves.size());
     EXPECT_NE(std::string::npos, cgroup.find(moves[0].dst_path)) << moves[0].dst_path;
-    for (const std::string& raw : records1) EXPECT_NE(KAVO_EVENT_TASK_EXIT, kavo::test::RecordType(raw)) << "ring 0's alone";
+    for (const std::string& raw : records1)
+      EXPECT_NE(KAVO_EVENT_TASK_EXIT, kavo::test::RecordType(raw)) << "ring 0's alone";
   });
 }
 
@@ -394,7 +418,8 @@ TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsB
         auto exit = kavo::test::RecordAs<kavo_exit_event>(record);
         if (fork.header.type == KAVO_EVENT_TASK_CREATE && fork.kind == KAVO_TASK_PROCESS) ++births[fork.pid];
         if (exit.header.type == KAVO_EVENT_TASK_EXIT && exit.kind == KAVO_TASK_PROCESS) ++deaths[exit.pid];
-        if (exit.header.type == KAVO_EVENT_DMABUF_UPDATE) ends.push_back(kavo::test::RecordAs<kavo_dmabuf_update_event>(record));
+        if (exit.header.type == KAVO_EVENT_DMABUF_UPDATE)
+          ends.push_back(kavo::test::RecordAs<kavo_dmabuf_update_event>(record));
       }
       return std::all_of(children.begin(), children.end(), [&](pid_t c) { return births[c] && deaths[c]; });
     };
@@ -421,7 +446,12 @@ TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsB
     ASSERT_EQ(1, write(go[1], "g", 1));
     waitpid(holder, nullptr, 0);
     const pid_t plain = kavo::test::ForkAndReapChildren(1).at(0);
-    ASSERT_TRUE(WaitUntil([&] { collect(); return deaths[plain] > 0 && !ends.empty(); }, 10s));
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+          collect();
+          return deaths[plain] > 0 && !ends.empty();
+        },
+        10s));
     EXPECT_EQ(0, std::count_if(ends.begin(), ends.end(), [&](auto& e) { return e.pid == plain; }))
         << "a process without dma-bufs ends silently";
     ASSERT_EQ(1u, ends.size());
@@ -449,7 +479,8 @@ TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsB
     while (std::getline(text, line)) {
       long long row[10] = {};
       ASSERT_EQ(10, sscanf(line.c_str(), "%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld", &row[0], &row[1], &row[2],
-                           &row[3], &row[4], &row[5], &row[6], &row[7], &row[8], &row[9])) << line;
+                           &row[3], &row[4], &row[5], &row[6], &row[7], &row[8], &row[9]))
+          << line;
       EXPECT_EQ(row[0], row[1] + row[2] + row[3] + row[4] + row[5] + row[6] + row[7] + row[8]) << line;
       forks += row[1 + KAVO_EVENT_TASK_CREATE];
     }
@@ -474,7 +505,8 @@ TEST(RingMonitor, AFullRingIsReportedClearedAndKeepsItsProducers) {
     // Only fork and exit: no other producer refills the ring behind the test.
     for (const std::string event : {"sched_process_fork", "sched_process_exit"}) {
       ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset", "sched_" + event,
-                                                   "sched", event), 0);
+                                                   "sched", event),
+                0);
     }
     KavoBpfService* service = KavoBpfService::GetInstance();
     ASSERT_TRUE(service->enableCoreBpf(0, true));
@@ -511,13 +543,15 @@ TEST(RingMonitor, SixPollFailuresInARowEndAMonitorFiveDoNot) {
     kavo::test::LogCapture log;
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_RAW_MAX + 1, 6, &why)) << why;
     EXPECT_EQ(-1, service->eventMonitor());
-    EXPECT_EQ(6u, log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR));
+    EXPECT_EQ(6u,
+              log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR));
     EXPECT_EQ(6u, log.Count("handleEvent ERROR!!! Type: 8"));
 
     log.Clear();
     kavo::test::EventSink client({KAVO_EVENT_DMABUF_UPDATE});
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_RAW_MAX + 1, 5, &why)) << why;
-    ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_DMABUF_UPDATE, 1, &why, sizeof(kavo_dmabuf_update_event)));
+    ASSERT_TRUE(
+        kavo::test::WriteRingRecords(ring, KAVO_EVENT_DMABUF_UPDATE, 1, &why, sizeof(kavo_dmabuf_update_event)));
     auto monitor = std::async(std::launch::async, [service] { return service->eventMonitor(); });
     EXPECT_TRUE(WaitUntil([&] { return client.Drain().size() == 1; }, 15s));
     // The poll that delivered it reads on until the ring is empty: the next
@@ -547,7 +581,8 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
   kavo::test::RunInNamespace([] {
     if (!Load()) return;
     ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset",
-                                                 "sched_sched_process_fork", "sched", "sched_process_fork"), 0);
+                                                 "sched_sched_process_fork", "sched", "sched_process_fork"),
+              0);
     ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, true));
     android::base::unique_fd ring(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
     std::vector<pid_t> taken;
@@ -558,12 +593,14 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
     Kavo::Bpf::RingWakeup wakeup;
     ASSERT_TRUE(wakeup.map(KavoBpfService::RINGBUF_CONSUMER_PATH[0], ring.get()));
     android::base::unique_fd wordFd(bpf_obj_get(KavoBpfService::RINGBUF_CONSUMER_PATH[0].c_str()));
-    auto* word = static_cast<volatile uint64_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, wordFd.get(), 0));
+    auto* word =
+        static_cast<volatile uint64_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, wordFd.get(), 0));
     ASSERT_NE(MAP_FAILED, static_cast<void*>(const_cast<uint64_t*>(word)));
 
     *word = UINT64_MAX;  // busy with what it has: awake for good
     for (int settle = 0; settle < 2; ++settle) {
-      do ring_buffer__consume(consumer); while (epoll_wait(epollFd, &event, 1, 0) > 0);
+      do ring_buffer__consume(consumer);
+      while (epoll_wait(epollFd, &event, 1, 0) > 0);
       std::this_thread::sleep_for(10ms);
     }
     const pid_t unwoken = kavo::test::ForkAndReapChildren(1).at(0);

@@ -108,8 +108,8 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
       EXPECT_EQ(8192, totals[200].total) << map;  // one buffer, two descriptors
       EXPECT_EQ(1 << 20, totals[201].total) << map;
     }
-    EXPECT_TRUE(log.Contains("[KavoBpfService][IMIT] Task not exists, so we skip it (/proc/201/maps)",
-                             ANDROID_LOG_WARN));
+    EXPECT_TRUE(
+        log.Contains("[KavoBpfService][IMIT] Task not exists, so we skip it (/proc/201/maps)", ANDROID_LOG_WARN));
     EXPECT_FALSE(log.Contains("/proc/200/maps"));
 
     // Without the maps each seeding stops at its first and says why.
@@ -177,14 +177,18 @@ TEST(MapSeeding, LiveProcSeededThenTheFdProgramFollowsAProcess) {
     std::string why, loaded;
     if (!kavo::test::LoadKernelSide(&why, {}, &loaded)) KAVO_KERNEL_SKIP(why);
     ChildProcess holder({"bash", "-c", "exec 3</dev/null 4</dev/null 5</dev/null 6</dev/null; exec sleep 60"});
-    ASSERT_TRUE(kavo::test::WaitUntil([&] { return kavo::test::ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
+    ASSERT_TRUE(kavo::test::WaitUntil(
+        [&] { return kavo::test::ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
     ChildProcess daemon({kavo::test::ToolPath("kavobpfd"), "--seed-fd"});
     kavo_fd_info seeded = {};
-    ASSERT_TRUE(kavo::test::WaitUntil([&] {
-      android::base::unique_fd map(bpf_obj_get(kFdMap.c_str()));
-      int32_t pid = holder.pid();
-      return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &seeded) == 0;
-    }, 10s)) << daemon.Output();
+    ASSERT_TRUE(kavo::test::WaitUntil(
+        [&] {
+          android::base::unique_fd map(bpf_obj_get(kFdMap.c_str()));
+          int32_t pid = holder.pid();
+          return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &seeded) == 0;
+        },
+        10s))
+        << daemon.Output();
     EXPECT_EQ(kavo::test::OpenDescriptors(holder.pid()), seeded.fd_count);
     EXPECT_EQ(seeded.fd_count, seeded.reported_fd_count);
     EXPECT_EQ(0, strncmp("sleep", seeded.comm, 5));
@@ -194,7 +198,8 @@ TEST(MapSeeding, LiveProcSeededThenTheFdProgramFollowsAProcess) {
 
     kavo::test::PinnedProbe fdProgram = kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install");
     if (!kavo::test::PinnedProbeAttaches(fdProgram)) {
-      KAVO_KERNEL_FEATURE_SKIP("trampolines", "nothing attaches on fd_install: no kprobes, and " + fdProgram.noTrampoline);
+      KAVO_KERNEL_FEATURE_SKIP("trampolines",
+                               "nothing attaches on fd_install: no kprobes, and " + fdProgram.noTrampoline);
     }
     KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
     ASSERT_NE(nullptr, service) << why;
@@ -239,9 +244,12 @@ TEST(MapSeeding, LiveProcSeededThenTheFdProgramFollowsAProcess) {
     ASSERT_TRUE(child.Change(100));
     EXPECT_EQ(child.OpenCount(), entry().fd_count);
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return reports() >= 6; }));
-    const std::vector<std::pair<__u64, __u64>> expected = {
-        {first + kStep, first}, {first + 2 * kStep, first + kStep}, {first + 3 * kStep, first + 2 * kStep},
-        {first + 4 * kStep, first + 3 * kStep}, {first + 20, first + 4 * kStep}, {first + 20 + kStep, first + 20}};
+    const std::vector<std::pair<__u64, __u64>> expected = {{first + kStep, first},
+                                                           {first + 2 * kStep, first + kStep},
+                                                           {first + 3 * kStep, first + 2 * kStep},
+                                                           {first + 4 * kStep, first + 3 * kStep},
+                                                           {first + 20, first + 4 * kStep},
+                                                           {first + 20 + kStep, first + 20}};
     ASSERT_EQ(expected.size(), records.size());
     for (size_t i = 0; i < records.size(); ++i) {
       EXPECT_EQ(expected[i], std::make_pair(records[i].fd_count, records[i].reported_fd_count)) << i;

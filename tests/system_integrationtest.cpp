@@ -50,8 +50,12 @@ TEST(Kavobpfd, OptionsAndAStopWithin2sWhateverTheServiceIsDoing) {
                                  "persist.sys.stability.bpfframework.disable"}) {
     EXPECT_NE(std::string::npos, help.output.find(documented)) << documented;
   }
-  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--bogus"}, {"--prop"}, {"--prop", "novalue"},
-                                              {"--prop", "=x"}, {"stray"}, {"--allow-uid", "no-such-user"}}) {
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--bogus"},
+                                              {"--prop"},
+                                              {"--prop", "novalue"},
+                                              {"--prop", "=x"},
+                                              {"stray"},
+                                              {"--allow-uid", "no-such-user"}}) {
     std::vector<std::string> argv = {ToolPath("kavobpfd")};
     argv.insert(argv.end(), bad.begin(), bad.end());
     auto result = RunCommand(argv, 5);
@@ -98,8 +102,9 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
 
     kavobpf::Client client({kavobpf::kDefaultSocket, 1000000});  // every fork of the machine, while the test waits
     ASSERT_TRUE(client.Connect(5s));
-    for (int32_t type : std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
-                     KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED}) {
+    for (int32_t type :
+         std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
+                              KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED}) {
       ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(type));
     }
     // Both wait 3.5 s, past the settling time before threads and memory count.
@@ -116,17 +121,21 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
       }
       return baseline < 0 ? -1 : peak - baseline;
     };
-    EXPECT_TRUE(kavo::test::CollectEvents(client, &events, [&](const std::vector<kavobpf::Event>& all) {
-      for (pid_t child : children) {
-        if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, child).empty()) return false;
-      }
-      return !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, touch.pid()).empty() &&
-             !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, threads.pid()).empty() && grown(all) >= (8 << 20);
-    }, 20s));
+    EXPECT_TRUE(kavo::test::CollectEvents(
+        client, &events,
+        [&](const std::vector<kavobpf::Event>& all) {
+          for (pid_t child : children) {
+            if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, child).empty()) return false;
+          }
+          return !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, touch.pid()).empty() &&
+                 !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, threads.pid()).empty() && grown(all) >= (8 << 20);
+        },
+        20s));
     for (pid_t child : children) {
       SCOPED_TRACE(child);
       // Raw records: the process once and its end once, in that order.
-      for (int32_t type : std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT}) EXPECT_EQ(1u, EventsOf(events, type, child).size());
+      for (int32_t type : std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT})
+        EXPECT_EQ(1u, EventsOf(events, type, child).size());
       auto created = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, child);
       auto exited = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, child);
       ASSERT_EQ(1u, created.size());

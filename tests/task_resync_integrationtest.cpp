@@ -90,11 +90,13 @@ struct Cast {
   // Starts them; true once the client saw each one created.
   bool Start(kavobpf::Client& client, Events* events) {
     for (int i = 0; i < 9; ++i) {
-      sleepers.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"}));
+      sleepers.push_back(
+          std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"}));
     }
     victim = sleepers.back()->pid();
     return kavo::test::CollectEvents(client, events, [this](const Events& all) {
-      for (auto& s : sleepers) if (EventsOf(all, KAVO_EVENT_PROCESS_CREATED, s->pid()).empty()) return false;
+      for (auto& s : sleepers)
+        if (EventsOf(all, KAVO_EVENT_PROCESS_CREATED, s->pid()).empty()) return false;
       return true;
     });
   }
@@ -112,10 +114,12 @@ struct Cast {
   // Every sleeper ended once, the reused pid was created anew after the
   // victim's end, the late one was created.
   bool AllSeen(const Events& events) const {
-    for (auto& s : sleepers) if (EventsOf(events, KAVO_EVENT_PROCESS_EXITED, s->pid()).size() != 1) return false;
+    for (auto& s : sleepers)
+      if (EventsOf(events, KAVO_EVENT_PROCESS_EXITED, s->pid()).size() != 1) return false;
     auto ended = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, victim);
     auto created = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, reused);
-    return ended.size() == 1 && created.size() == 2 && created[1] > ended[0] && EventsOf(events, KAVO_EVENT_PROCESS_CREATED, late).size() == 1;
+    return ended.size() == 1 && created.size() == 2 && created[1] > ended[0] &&
+           EventsOf(events, KAVO_EVENT_PROCESS_CREATED, late).size() == 1;
   }
 };
 
@@ -126,8 +130,10 @@ bool TableIsAlive(kavo::test::KavoSystem& system, std::string* why) {
   auto table = kavo::test::DumpTaskTable(*system.daemon());
   std::set<pid_t> after = kavo::test::LivePids();
   *why = "";
-  for (auto& [pid, row] : table) if (!before.count(pid) && !after.count(pid)) *why += " stale:" + std::to_string(pid);
-  for (pid_t pid : before) if (after.count(pid) && !table.count(pid)) *why += " missing:" + std::to_string(pid);
+  for (auto& [pid, row] : table)
+    if (!before.count(pid) && !after.count(pid)) *why += " stale:" + std::to_string(pid);
+  for (pid_t pid : before)
+    if (after.count(pid) && !table.count(pid)) *why += " missing:" + std::to_string(pid);
   return !table.empty() && why->empty();
 }
 
@@ -166,8 +172,8 @@ void LoseAndRepair(bool withLostCounter) {
 
   const auto resumed = std::chrono::steady_clock::now();
   system.Kill(SIGCONT);
-  EXPECT_TRUE(kavo::test::CollectEvents(client, &events, [&](const Events& all) { return cast.AllSeen(all); },
-                                        kRepairDeadline));
+  EXPECT_TRUE(kavo::test::CollectEvents(
+      client, &events, [&](const Events& all) { return cast.AllSeen(all); }, kRepairDeadline));
   auto created = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, cast.victim);
   auto ended = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, cast.victim);
   if (created.size() == 2 && ended.size() == 1) {
@@ -220,7 +226,8 @@ TEST(TaskResyncOnKernel, ALargeRingLosesNothingAndRepairsNothing) {
     EXPECT_TRUE(kavo::test::CollectEvents(client, &events, [&](const Events& all) {
       if (!cast.AllSeen(all)) return false;
       auto born = children(all);
-      for (pid_t pid : born) if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, pid).empty()) return false;
+      for (pid_t pid : born)
+        if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, pid).empty()) return false;
       return born.size() >= 200u;
     }));
     // A repair would have come by now.
@@ -234,7 +241,8 @@ TEST(TaskResyncOnKernel, ALargeRingLosesNothingAndRepairsNothing) {
     EXPECT_EQ(std::string(program_invocation_short_name).substr(0, 15),
               kavobpf::Text(events[created.back()].as<kavo_process_created_event>()->comm));
     for (pid_t pid : children(events)) {
-      auto born = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, pid), ended = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, pid);
+      auto born = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, pid),
+           ended = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, pid);
       ASSERT_EQ(1u, born.size()) << pid;
       ASSERT_EQ(1u, ended.size()) << pid;
       EXPECT_LT(born[0], ended[0]) << pid;

@@ -84,7 +84,8 @@ TEST(ClientChurn, TwoHundredClientsComeAndGoAndLeaveNothingBehind) {
     kavo::test::LogCapture log;
     Kavo::Bpf::KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
     ASSERT_NE(nullptr, service) << why;
-    kavo::test::ChildProcess forks({"bash", "-c", "while :; do " + kavo::test::ToolPath("kavo_workload") + " forks 20; sleep 0.02; done"});
+    kavo::test::ChildProcess forks(
+        {"bash", "-c", "while :; do " + kavo::test::ToolPath("kavo_workload") + " forks 20; sleep 0.02; done"});
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return service->getClientQueueLengths().empty(); }));
     const size_t descriptors = kavo::test::OpenDescriptors(getpid());
     const size_t heap = kavo::test::HeapInUse();
@@ -102,7 +103,8 @@ TEST(ClientChurn, TwoHundredClientsComeAndGoAndLeaveNothingBehind) {
 
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return service->getClientQueueLengths().empty(); }))
         << service->getClientQueueLengths().size() << " queues left";
-    for (int type : std::vector<int>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_RSS_STAT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}) {
+    for (int type : std::vector<int>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_RSS_STAT, KAVO_EVENT_PROCESS_CREATED,
+                                     KAVO_EVENT_PROCESS_EXITED}) {
       EXPECT_TRUE(Kavo::Bpf::EventManager::GetInstance()->observersOf(type).empty()) << "type " << type;
     }
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return kavo::test::OpenDescriptors(getpid()) == descriptors; }));

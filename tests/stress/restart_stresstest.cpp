@@ -31,7 +31,8 @@ constexpr char kFdMap[] = "/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_
 long long SeededDescriptors(pid_t pid) {
   android::base::unique_fd map(bpf_obj_get(kFdMap));
   kavo_fd_info info = {};
-  return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &info) == 0 ? static_cast<long long>(info.fd_count) : -1;
+  return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &info) == 0 ? static_cast<long long>(info.fd_count)
+                                                                            : -1;
 }
 
 TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
@@ -40,7 +41,8 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
     std::string why;
     // A process that outlives every daemon: only a scan of /proc finds it.
     kavo::test::ChildProcess holder({"sleep", "600"});
-    ASSERT_TRUE(kavo::test::WaitUntil([&] { return ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
+    ASSERT_TRUE(kavo::test::WaitUntil(
+        [&] { return ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
     const long long holderFds = static_cast<long long>(kavo::test::OpenDescriptors(holder.pid()));
     std::set<std::string> firstSummary;
     for (int run = 1; run <= 3; ++run) {
@@ -48,7 +50,8 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
       if (run == 1 && !system.Start(&why)) KAVO_KERNEL_SKIP(why);
       ASSERT_TRUE(run == 1 || system.StartDaemon(&why)) << why;
       if (run > 1) {  // the killed run's log moved aside, nothing new yet
-        EXPECT_NE(std::string::npos, ReadFile(Kavo::Bpf::KAVO_ERROR_OLD_LOG_PATH).find("packageSize: " + std::to_string(32768 + run - 1)));
+        EXPECT_NE(std::string::npos,
+                  ReadFile(Kavo::Bpf::KAVO_ERROR_OLD_LOG_PATH).find("packageSize: " + std::to_string(32768 + run - 1)));
         EXPECT_FALSE(kavo::test::PathExists(Kavo::Bpf::KAVO_ERROR_LOG_PATH));
       }
       // What the kernel refuses, it refuses each time.
@@ -70,7 +73,8 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
       uint32_t size = 32768 + run - 4;
       ASSERT_TRUE(damager.Send(std::string(reinterpret_cast<const char*>(&size), 4)));
       EXPECT_TRUE(kavo::test::WaitUntil([&] {
-        return ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH).find("packageSize: " + std::to_string(32768 + run)) != std::string::npos;
+        return ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH).find("packageSize: " + std::to_string(32768 + run)) !=
+               std::string::npos;
       }));
       system.Kill(SIGKILL);
       for (const std::string& pin : kavo::test::LoaderPins()) EXPECT_TRUE(kavo::test::PathExists(pin)) << pin;

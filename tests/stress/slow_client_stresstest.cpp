@@ -50,13 +50,15 @@ TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
     slow.SetReceiveBuffer(4096);
     ASSERT_TRUE(reader.Connect());
     std::string all;
-    for (int type : std::vector<int>{KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}) {
+    for (int type : std::vector<int>{KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT,
+                                     KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}) {
       all += RequestFrame(type, 51, type);
     }
     ASSERT_TRUE(slow.Send(all));
     ASSERT_TRUE(reader.Send(RequestFrame(1, 51, KAVO_EVENT_TASK_CREATE) + RequestFrame(2, 51, KAVO_EVENT_TASK_EXIT)));
     // Only the slow one takes derived events: that tells the two queues apart.
-    ASSERT_TRUE(kavo::test::WaitUntil([] { return EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_EXITED).size() == 1; }));
+    ASSERT_TRUE(kavo::test::WaitUntil(
+        [] { return EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_EXITED).size() == 1; }));
     const int slowFd = EventManager::GetInstance()->observersOf(KAVO_EVENT_PROCESS_EXITED)[0];
 
     std::mutex mutex;
@@ -88,11 +90,14 @@ TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
     std::istringstream forked(forker.Output());
     for (pid_t child; forked >> child;) children.insert(child);
     ASSERT_FALSE(children.empty());
-    EXPECT_TRUE(kavo::test::WaitUntil([&] {
-      std::lock_guard<std::mutex> guard(mutex);
-      return std::includes(created.begin(), created.end(), children.begin(), children.end()) &&
-             std::includes(exited.begin(), exited.end(), children.begin(), children.end());
-    }, 20s)) << "the reader missed some";
+    EXPECT_TRUE(kavo::test::WaitUntil(
+        [&] {
+          std::lock_guard<std::mutex> guard(mutex);
+          return std::includes(created.begin(), created.end(), children.begin(), children.end()) &&
+                 std::includes(exited.begin(), exited.end(), children.begin(), children.end());
+        },
+        20s))
+        << "the reader missed some";
     done = true;
     readerThread.join();
     kavo::test::Figure("slow_longest_queue", static_cast<long long>(slowLongest));
