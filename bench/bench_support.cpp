@@ -9,9 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -22,6 +20,9 @@
 #include "service/kavo_bpf_service.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
+#include "support/kernel.h"
+#include "support/kernel_stand_ins.h"
+#include "support/namespaces.h"
 
 namespace kavo::bench {
 
@@ -30,40 +31,12 @@ void Die(const std::string& what) {
   exit(1);
 }
 
-void EnterPrivateNamespaces() {
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) Die(std::string("unshare: ") + strerror(errno));
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Die("making / private");
-  mkdir("/data", 0755);
-  for (const char* dir : {"/data", "/mnt"}) {
-    if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755") != 0) Die(std::string("tmpfs on ") + dir);
+void EnterNamespacesAndLoad(const std::vector<std::string>& loaderArgs) {
+  std::string why;
+  if (!kavo::test::EnterPrivateNamespaces(kavo::test::PrivateMounts(), &why) ||
+      !kavo::test::LoadKernelSide(&why, loaderArgs)) {
+    Die(why);
   }
-  if (mount("bpf", "/sys/fs/bpf", "bpf", 0, "mode=0700") != 0) Die("mounting bpffs");
-  mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr);
-}
-
-std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }
-
-void RunLoader(const std::vector<std::string>& args) {
-  std::string loader = ToolPath("kavobpf_loader");
-  std::vector<char*> argv = {const_cast<char*>(loader.c_str())};
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) Die("kavobpf_loader failed");
-}
-
-std::string KernelVersion() {
-  struct utsname uts;
-  uname(&uts);
-  std::string release(uts.release);
-  size_t first = release.find('.');
-  return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
 double LoadAverage() {
@@ -122,17 +95,13 @@ uint64_t BootNs() {
 }
 
 uint64_t ControlWord(int ring) {
-  android::base::unique_fd fd = OpenPinned(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
-  uint32_t key = KAVO_RING_STATUS_CONTROL;
-  uint64_t word = 0;
-  if (bpf_map_lookup_elem(fd.get(), &key, &word) != 0) Die("reading a control word");
-  return word;
+  int64_t word = kavo::test::ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
+  if (word < 0) Die("reading a control word");
+  return static_cast<uint64_t>(word);
 }
 
 void SetControlWord(int ring, uint64_t word) {
-  android::base::unique_fd fd = OpenPinned(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
-  uint32_t key = KAVO_RING_STATUS_CONTROL;
-  if (bpf_map_update_elem(fd.get(), &key, &word, 0) != 0) Die("writing a control word");
+  if (!kavo::test::WriteControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring], word)) Die("writing a control word");
 }
 
 RingCounters RingCounters::Read(int ring) {

@@ -1,7 +1,8 @@
 #pragma once
 
-// What the benchmark programs share: private namespaces like the tests have,
-// the loader, idle processes to fill the process table, and figures.
+// What the benchmark programs share beyond the tests' support (tests/support:
+// namespaces, the loader, the daemon, control words): idle processes to fill
+// the process table, ring counters, wake-ups, CPU time and figures.
 
 #include <stdint.h>
 #include <sys/types.h>
@@ -15,18 +16,11 @@ namespace kavo::bench {
 
 [[noreturn]] void Die(const std::string& what);
 
-// Private mount and network namespaces: tmpfs /data and /mnt, a fresh bpffs
-// and tracefs. The service's fixed paths and socket name are then private.
-void EnterPrivateNamespaces();
+// The tests' private namespaces (support/namespaces.h: tmpfs /data and /mnt,
+// a fresh bpffs and tracefs), then kavobpf_loader with |loaderArgs| through
+// the tests' own loader runner; dies when either fails.
+void EnterNamespacesAndLoad(const std::vector<std::string>& loaderArgs = {});
 
-// Runs kavobpf_loader with |args|; dies when it fails.
-void RunLoader(const std::vector<std::string>& args = {});
-
-// Absolute path of a tool of this build.
-std::string ToolPath(const std::string& name);
-
-// "major.minor" of the running kernel.
-std::string KernelVersion();
 // The one-minute load average: how busy the rest of the machine was.
 double LoadAverage();
 
@@ -49,8 +43,8 @@ double Median(std::vector<double>* values);
 // CLOCK_BOOTTIME in nanoseconds: the clock of the records' time stamps.
 uint64_t BootNs();
 
-// Control word (key 0 of the status map) of ring 0 or 1; dies when it cannot
-// be read or written.
+// Control word (key 0 of the status map) of ring 0 or 1, through the tests'
+// support; dies when it cannot be read or written.
 uint64_t ControlWord(int ring);
 void SetControlWord(int ring, uint64_t word);
 

@@ -47,7 +47,9 @@
 #include "bpf/kavo_bpf_records.h"
 #include "event_consumers.h"
 #include "service/kavo_bpf_service.h"
-#include "support/processes.h"
+#include "support/kernel.h"
+#include "support/kernel_stand_ins.h"
+#include "support/system.h"
 
 namespace {
 
@@ -130,7 +132,7 @@ double BackgroundPerSecond() {
 // ---- Workloads: kavo_workload processes side by side ---------------------
 
 void RunWorkload(const Workload& workload, double seconds) {
-  const std::string tool = ToolPath("kavo_workload");
+  const std::string tool = kavo::test::ToolPath("kavo_workload");
   const std::string duration = std::to_string(seconds);
   const std::string rate = std::to_string(workload.rate);
   std::vector<const char*> argv = {tool.c_str()};
@@ -244,7 +246,7 @@ std::vector<Result> RunBare(double seconds) {
   if (pid == 0) {
     close(fds[0]);
     (void)!freopen("/dev/null", "w", stderr);  // kprobe attach failures are expected here
-    android::base::SetProperty("ro.kernel.version", KernelVersion());
+    android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
     Kavo::Bpf::AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP);
     SetControlWord(0, kProducersOn);
     Tally tally(kSubscribed);
@@ -274,7 +276,10 @@ std::vector<Result> RunBare(double seconds) {
 }
 
 std::vector<Result> RunService(double seconds) {
-  kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd")});
+  kavo::test::KavoSystem system;
+  std::string why;
+  if (!system.StartDaemon(&why)) Die("e2e_events: " + why);
+  kavo::test::ChildProcess& daemon = *system.daemon();
   Tally tally(kSubscribed);
   ClientConsumer client(&tally);
   if (!client.start(kSubscribed)) Die("e2e_events: kavobpfd did not answer the subscriptions\n" + daemon.Output());
@@ -341,8 +346,7 @@ int main(int argc, char** argv) {
   if (geteuid() != 0) Die("e2e_events: needs root (BPF programs and namespaces)");
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  EnterPrivateNamespaces();
-  RunLoader();
+  EnterNamespacesAndLoad();
   const double loadBefore = LoadAverage();
   std::vector<Result> bare = RunBare(seconds);
   std::vector<Result> service = RunService(seconds);
@@ -350,7 +354,7 @@ int main(int argc, char** argv) {
 
   printf("kernel %s, %ld CPUs, %.1f s per workload, client subscribed to types 1, 2, 3, "
          "load average %.2f before, %.2f after\n",
-         KernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, loadBefore, loadAfter);
+         kavo::test::RunningKernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, loadBefore, loadAfter);
   // lost = emitted - delivered; of those, ringfull never reached the ring,
   // trimmed were dropped from a client queue; senddrop counts send buffers
   // dropped whole after the socket stayed full.
@@ -382,7 +386,7 @@ int main(int argc, char** argv) {
   printf("{\"benchmark\":\"e2e_events\",\"kernel\":\"%s\",\"cpus\":%ld,\"seconds_per_workload\":%.1f,"
          "\"load_before\":%.2f,\"load_after\":%.2f,\"ratio_workload\":\"%s\",\"service_to_bare_ratio\":%.3f,"
          "\"runs\":[",
-         KernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, loadBefore, loadAfter,
+         kavo::test::RunningKernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, loadBefore, loadAfter,
          best != nullptr ? best->workload : "", ratio);
   for (size_t i = 0; i < all.size(); ++i) PrintJsonResult(all[i], i + 1 == all.size());
   printf("]}\n");

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "support/kernel.h"
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
 #include "utils/kavo_bpf_helper.h"
@@ -104,8 +105,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  EnterPrivateNamespaces();
-  RunLoader();
+  EnterNamespacesAndLoad();
   const std::string flavour = PinnedFlavour();
 
   // Can it be attached at all here? The attach path logs why not.
@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
 
   double median[kModes] = {};
   printf("\nfd_install cost, %s program (%d rounds of %d open+close each, kernel %s, load %.2f)\n",
-         flavour.c_str(), rounds, opens, KernelVersion().c_str(), LoadAverage());
+         flavour.c_str(), rounds, opens, kavo::test::RunningKernelVersion().c_str(), LoadAverage());
   printf("%-26s %12s %12s %12s\n", "", "median ns", "min ns", "max ns");
   for (int mode = 0; mode < modes; ++mode) {
     std::vector<double> values = ns[mode];
@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
 
   printf("{\"benchmark\":\"fd_install_cost\",\"kernel\":\"%s\",\"flavour\":\"%s\","
          "\"attached\":%s,\"reason\":\"%s\",\"rounds\":%d,\"opens\":%d",
-         KernelVersion().c_str(), flavour.c_str(), attachable ? "true" : "false", refusal.c_str(),
+         kavo::test::RunningKernelVersion().c_str(), flavour.c_str(), attachable ? "true" : "false", refusal.c_str(),
          rounds, opens);
   for (int mode = 0; mode < modes; ++mode) printf(",\"%s_ns\":%.1f", kModeKeys[mode], median[mode]);
   if (attachable) printf(",\"overhead_ns\":%.1f", median[kOn] - median[kDetached]);

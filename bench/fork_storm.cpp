@@ -51,7 +51,9 @@
 #include "bpf/kavo_bpf_records.h"
 #include "event_consumers.h"
 #include "service/kavo_bpf_service.h"
-#include "support/processes.h"
+#include "support/kernel.h"
+#include "support/kernel_stand_ins.h"
+#include "support/system.h"
 #include "utils/kavo_bpf_file.h"
 
 namespace {
@@ -222,7 +224,7 @@ Phase MeasureBare(double seconds) {
     close(ready[0]);
     close(done[1]);
     (void)!freopen("/dev/null", "w", stderr);  // kprobe attach failures are expected here
-    android::base::SetProperty("ro.kernel.version", KernelVersion());
+    android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
     Kavo::Bpf::AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP);
     SetControlWord(0, kProducersOn);
     {
@@ -262,7 +264,10 @@ void WaitDrained(const Tally& tally) {
 }
 
 Phase MeasureWatched(double seconds) {
-  kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd")});
+  kavo::test::KavoSystem system;
+  std::string why;
+  if (!system.StartDaemon(&why)) Die("fork_storm: " + why);
+  kavo::test::ChildProcess& daemon = *system.daemon();
   Tally tally(kCounted);
   ClientConsumer client(&tally);
   if (!client.start(kSubscribed)) Die("fork_storm: kavobpfd did not answer the subscriptions\n" + daemon.Output());
@@ -318,8 +323,7 @@ int main(int argc, char** argv) {
   if (geteuid() != 0) Die("fork_storm: needs root (BPF programs and namespaces)");
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  EnterPrivateNamespaces();
-  RunLoader();
+  EnterNamespacesAndLoad();
   android::base::unique_fd statsOn(bpf_enable_stats(BPF_STATS_RUN_TIME));
   if (statsOn.get() < 0) Die("fork_storm: the kernel refused BPF run-time statistics");
   const double loadBefore = LoadAverage();
@@ -378,7 +382,7 @@ int main(int argc, char** argv) {
          "\"program_ns_per_fork\":%.0f,\"bare_program_ns_per_fork\":%.0f,\"records_per_fork\":%.2f,"
          "\"irq_work_per_fork\":%.2f,\"bare_irq_work_per_fork\":%.2f,\"reschedules_per_fork\":%.2f,"
          "\"alone_reschedules_per_fork\":%.2f,\"load_before\":%.2f,\"load_after\":%.2f}\n",
-         KernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), rounds, seconds, MedianOf(alone),
+         kavo::test::RunningKernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), rounds, seconds, MedianOf(alone),
          bare ? MedianOf(bareRates) : 0.0, MedianOf(watched), MedianOf(ratios), MedianOf(serviceUs),
          MedianOf(wakeups), MedianOf(programNs), bare ? MedianOf(bareProgramNs) : 0.0, MedianOf(records),
          MedianOf(irqWork), bare ? MedianOf(bareIrqWork) : 0.0, MedianOf(reschedules), MedianOf(aloneReschedules),

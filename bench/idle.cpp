@@ -41,7 +41,9 @@
 #include "bench_support.h"
 #include "bpf/kavo_bpf_records.h"
 #include "support/wire.h"
-#include "support/processes.h"
+#include "support/kernel.h"
+#include "support/kernel_stand_ins.h"
+#include "support/system.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
 
@@ -165,9 +167,11 @@ int main(int argc, char** argv) {
   if (geteuid() != 0) Die("idle: needs root (BPF programs and namespaces)");
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  EnterPrivateNamespaces();
-  RunLoader();
-  kavo::test::ChildProcess daemon({kavo::test::ToolPath("kavobpfd")});
+  EnterNamespacesAndLoad();
+  kavo::test::KavoSystem system;
+  std::string why;
+  if (!system.StartDaemon(&why)) Die("idle: " + why);
+  kavo::test::ChildProcess& daemon = *system.daemon();
   const auto deadline = Clock::now() + std::chrono::seconds(20);
   while ((ControlWord(0) & kProducersOn) != kProducersOn || (ControlWord(1) & kProducersOn) != kProducersOn) {
     if (Clock::now() > deadline) Die("idle: kavobpfd never switched its producers on\n" + daemon.Output());
@@ -221,13 +225,13 @@ int main(int argc, char** argv) {
 
   printf("kernel %s, %ld CPUs, %.1f s per window, load average %.2f; tasks in the table: %ld, then %ld "
          "with %d clients\n",
-         KernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, LoadAverage(), baseTasks, tasks, kClients);
+         kavo::test::RunningKernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, LoadAverage(), baseTasks, tasks, kClients);
   printf("%-14s %8s %10s %9s %9s %9s %9s   %s\n", "window", "wakeup/s", "records/s", "VmRSS kB", "anon kB",
          "file kB", "rings kB", "wake-ups by thread");
   for (const Window& w : windows) PrintWindow(w);
   printf("{\"benchmark\":\"idle\",\"kernel\":\"%s\",\"cpus\":%ld,\"seconds_per_window\":%.1f,\"load\":%.2f,"
          "\"tasks_idle\":%ld,\"tasks_loaded\":%ld,\"clients\":%d,\"windows\":[",
-         KernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, LoadAverage(), baseTasks, tasks,
+         kavo::test::RunningKernelVersion().c_str(), sysconf(_SC_NPROCESSORS_ONLN), seconds, LoadAverage(), baseTasks, tasks,
          kClients);
   for (size_t i = 0; i < windows.size(); ++i) {
     const Window& w = windows[i];

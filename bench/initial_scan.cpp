@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "support/kernel.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
 #include "utils/kavo_bpf_file.h"
@@ -84,13 +85,13 @@ int main(int argc, char** argv) {
   double scanMedian = Median(&scan);
   double psMedian = Median(&ps);
   printf("processes in /proc: %zu (%zu extra sleeping), tasks in the table: %u, runs: %d, kernel %s\n",
-         processes, sleepers.size(), tasks, runs, KernelVersion().c_str());
+         processes, sleepers.size(), tasks, runs, kavo::test::RunningKernelVersion().c_str());
   printf("%-44s %12s %14s\n", "reader", "median ms", "us / process");
   printf("%-44s %12.2f %14.2f\n", "initTaskInfo (scan + dispatch)", scanMedian * 1e3, scanMedian * 1e6 / processes);
   printf("%-44s %12.2f %14.2f\n", "ps -e -o pid,ppid,uid,nlwp,rss,comm", psMedian * 1e3, psMedian * 1e6 / processes);
   printf("initTaskInfo / ps: %.3f\n", scanMedian / psMedian);
   printf("{\"benchmark\":\"initial_scan\",\"kernel\":\"%s\",\"processes\":%zu,\"runs\":%d,"
          "\"scan_ms\":%.3f,\"ps_ms\":%.3f,\"scan_to_ps\":%.3f}\n",
-         KernelVersion().c_str(), processes, runs, scanMedian * 1e3, psMedian * 1e3, scanMedian / psMedian);
+         kavo::test::RunningKernelVersion().c_str(), processes, runs, scanMedian * 1e3, psMedian * 1e3, scanMedian / psMedian);
   return 0;
 }

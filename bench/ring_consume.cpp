@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "support/kernel.h"
 #include "event_consumers.h"
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
@@ -242,9 +243,8 @@ int main(int argc, char** argv) {
   if (geteuid() != 0) Die("ring_consume: needs root (BPF programs and namespaces)");
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  EnterPrivateNamespaces();
-  RunLoader({"--ring-size", kRingSize});
-  android::base::SetProperty("ro.kernel.version", KernelVersion());
+  EnterNamespacesAndLoad({"--ring-size", kRingSize});
+  android::base::SetProperty("ro.kernel.version", kavo::test::RunningKernelVersion());
   // Holds the service's own producer thread before it attaches or polls; the
   // drains run its monitor themselves.
   android::base::SetProperty("sys.kavo_bpf_ready", "0");

@@ -33,12 +33,12 @@
 
 #include <android-base/unique_fd.h>
 
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "fuzz_support.h"
+#include "support/namespaces.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
 
@@ -89,10 +89,6 @@ std::vector<std::string> Sections(const uint8_t* data, size_t size) {
   return sections;
 }
 
-void Write(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
 void RemoveTree(const std::string& dir) {
   for (const char* sub : {"/fd", "/fdinfo"}) {
     std::string path = dir + sub;
@@ -140,14 +136,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     mkdir(dir.c_str(), 0755);
     std::string text;
     for (const char* file : {"/status", "/stat", "/maps"}) {
-      if (content(&text)) Write(dir + file, text);
+      if (content(&text)) kavo::test::WriteFile(dir + file, text);
     }
     mkdir((dir + "/fd").c_str(), 0755);
     mkdir((dir + "/fdinfo").c_str(), 0755);
     for (int fd = 0; fd < processes[i].fds; ++fd) {
       const char* target = kTargets[(targets[i] >> (2 * fd)) % 4];
       symlink(target, (dir + "/fd/" + std::to_string(fd)).c_str());
-      if (content(&text)) Write(dir + "/fdinfo/" + std::to_string(fd), text);
+      if (content(&text)) kavo::test::WriteFile(dir + "/fdinfo/" + std::to_string(fd), text);
     }
   }
 

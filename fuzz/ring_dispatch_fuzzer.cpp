@@ -38,6 +38,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -72,31 +73,18 @@ kavo::test::EventSink* gSome;
   abort();
 }
 
+// The eight valid types most of the time, the poll counter's 8, 9, anything.
 uint32_t PickType(uint8_t selector, Input* input) {
-  switch (selector % 16) {
-    case 12:
-      return 8;
-    case 13:
-      return 9;
-    case 14:
-      return input->U32();
-    default:
-      return selector % 8;
-  }
+  const uint8_t pick = selector % 16;
+  return pick == 12 ? 8 : pick == 13 ? 9 : pick == 14 ? input->U32() : selector % 8;
 }
 
+// The layout's size, shorter than any header needs, around the layout, anything.
 size_t PickSize(uint32_t type, uint16_t choice) {
-  size_t layout = type <= KAVO_EVENT_RAW_MAX ? kLayoutSizes[type] : 16;
-  switch (choice % 4) {
-    case 0:
-      return layout;
-    case 1:
-      return (choice >> 2) % 24;  // shorter than any header needs
-    case 2:
-      return layout - 8 + (choice >> 2) % 17;  // around the layout size
-    default:
-      return (choice >> 2) % (kMaxRecordSize + 1);
-  }
+  const size_t layout = type <= KAVO_EVENT_RAW_MAX ? kLayoutSizes[type] : 16;
+  const size_t low = choice >> 2;
+  const size_t sizes[] = {layout, low % 24, layout - 8 + low % 17, low % (kMaxRecordSize + 1)};
+  return sizes[choice % 4];
 }
 
 int32_t ReadI32(const std::string& record, size_t at) {
@@ -106,20 +94,11 @@ int32_t ReadI32(const std::string& record, size_t at) {
 }
 
 // Derived events and their sizes.
-size_t DerivedSize(uint32_t type) {
-  switch (type) {
-    case KAVO_EVENT_PROCESS_CREATED:
-      return sizeof(kavo_process_created_event);
-    case KAVO_EVENT_PROCESS_EXITED:
-      return sizeof(kavo_process_exited_event);
-    case KAVO_EVENT_THREAD_COUNT_CHANGED:
-      return sizeof(kavo_thread_count_event);
-    case KAVO_EVENT_MEMORY_CHANGED:
-      return sizeof(kavo_memory_changed_event);
-    default:
-      return 0;
-  }
-}
+const std::map<uint32_t, size_t> kDerivedSizes = {
+    {KAVO_EVENT_PROCESS_CREATED, sizeof(kavo_process_created_event)},
+    {KAVO_EVENT_PROCESS_EXITED, sizeof(kavo_process_exited_event)},
+    {KAVO_EVENT_THREAD_COUNT_CHANGED, sizeof(kavo_thread_count_event)},
+    {KAVO_EVENT_MEMORY_CHANGED, sizeof(kavo_memory_changed_event)}};
 
 }  // namespace
 
@@ -175,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (type <= KAVO_EVENT_RAW_MAX) {
       if (next >= forwarded.size() || record != forwarded[next]) Broken("a raw record arrived changed or out of turn");
       ++next;
-    } else if (DerivedSize(type) == 0 || record.size() != DerivedSize(type)) {
+    } else if (kDerivedSizes.count(type) == 0 || record.size() != kDerivedSizes.at(type)) {
       Broken("a derived event of an unknown type or size");
     } else {
       // A derived event names a task the input spoke of.

@@ -138,10 +138,8 @@ std::string RunningKernelVersion() {
   return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
-bool KprobesAvailable() { return kavo::loader::KprobesAttachable(); }
-
 bool KprobeableFunction(const std::string& function) {
-  if (!KprobesAvailable()) return false;
+  if (!kavo::loader::KprobesAttachable()) return false;
   bool found = false;
   Kavo::Bpf::ForEachLine("/proc/kallsyms", [&](std::string_view line) {
     // "<address> <kind> <name>[\t[module]]"

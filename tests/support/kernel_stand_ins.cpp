@@ -18,18 +18,18 @@ namespace kavo::test {
 
 namespace {
 
+// Pins |fd| at |path| in place of whatever is there.
+bool Pin(const android::base::unique_fd& fd, const std::string& path, const std::string& what, std::string* why) {
+  unlink(path.c_str());
+  if (fd.get() >= 0 && bpf_obj_pin(fd.get(), path.c_str()) == 0) return true;
+  *why = what + " for " + path + ": " + strerror(errno);
+  return false;
+}
+
 bool CreateAndPin(enum bpf_map_type type, const char* name, uint32_t keySize, uint32_t valueSize,
                   uint32_t entries, const std::string& path, std::string* why) {
   android::base::unique_fd fd(bpf_map_create(type, name, keySize, valueSize, entries, nullptr));
-  if (fd.get() < 0) {
-    *why = std::string("bpf_map_create ") + name + ": " + strerror(errno);
-    return false;
-  }
-  if (bpf_obj_pin(fd.get(), path.c_str()) != 0) {
-    *why = "bpf_obj_pin " + path + ": " + strerror(errno);
-    return false;
-  }
-  return true;
+  return Pin(fd, path, std::string("map ") + name, why);
 }
 
 }  // namespace
@@ -125,18 +125,8 @@ bool PinForeignProgram(const std::string& path, std::string* why) {
       Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
       Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
   };
-  android::base::unique_fd fd(
-      bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", prog, 2, nullptr));
-  if (fd.get() < 0) {
-    *why = std::string("loading a socket filter: ") + strerror(errno);
-    return false;
-  }
-  unlink(path.c_str());
-  if (bpf_obj_pin(fd.get(), path.c_str()) != 0) {
-    *why = "bpf_obj_pin " + path + ": " + strerror(errno);
-    return false;
-  }
-  return true;
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", prog, 2, nullptr));
+  return Pin(fd, path, "a socket filter", why);
 }
 
 namespace {
@@ -162,16 +152,7 @@ bool LoadTracingAndPin(const std::vector<struct bpf_insn>& prog, enum bpf_attach
   opts.attach_btf_id = btfId;
   android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_TRACING, "kavo_tracing", "GPL",
                                             prog.data(), prog.size(), &opts));
-  if (fd.get() < 0) {
-    *why = std::string("loading a tracing program: ") + strerror(errno);
-    return false;
-  }
-  unlink(path.c_str());
-  if (bpf_obj_pin(fd.get(), path.c_str()) != 0) {
-    *why = "bpf_obj_pin " + path + ": " + strerror(errno);
-    return false;
-  }
-  return true;
+  return Pin(fd, path, "a tracing program", why);
 }
 
 }  // namespace
@@ -180,7 +161,6 @@ bool PinTracingProgram(const std::string& path, const std::string& counterPath, 
                        std::string* why) {
   __u32 btfId = KernelBtfId("btf_trace_sched_process_fork", BTF_KIND_TYPEDEF, why);
   if (btfId == 0) return false;
-  unlink(counterPath.c_str());
   if (!CreateAndPin(BPF_MAP_TYPE_ARRAY, "kavo_counter", 4, 8, 1, counterPath, why)) return false;
   android::base::unique_fd counter(bpf_obj_get(counterPath.c_str()));
   // The tracepoint runs in the forking process. If it is |forker|:

@@ -89,20 +89,15 @@ size_t OpenDescriptors(pid_t pid) {
 
 CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds) {
   CommandResult result;
-  std::string outputPath = TempOutputPath();
-  int outputFd = open(outputPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-  pid_t pid = Spawn(argv, outputFd);
-  close(outputFd);
+  ChildProcess child(argv);
   int status = 0;
-  if (!WaitFor(pid, std::chrono::seconds(timeoutSeconds), &status)) {
+  if (!child.WaitExit(std::chrono::seconds(timeoutSeconds), &status)) {
     result.timedOut = true;
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
+    child.Signal(SIGKILL);
+    child.WaitExit(std::chrono::seconds(10), &status);
   }
   if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) result.termSignal = WTERMSIG(status);
-  result.output = ReadFile(outputPath);
-  unlink(outputPath.c_str());
+  result.output = child.Output();
   return result;
 }
 

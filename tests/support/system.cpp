@@ -1,9 +1,15 @@
 #include "support/system.h"
 
+#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
+
 #include "kavobpf/kavobpf_client.h"
+#include "service/kavo_bpf_signals.h"
+#include "service/kavo_bpf_task_manager.h"
+#include "support/namespaces.h"
 #include "support/wire.h"
 
 namespace kavo::test {
@@ -78,6 +84,68 @@ int KavoSystem::Stop() {
   // detached each program, every detach waiting out an RCU grace period.
   if (!daemon_->WaitExit(15s, &status)) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
+                   const std::function<bool(const std::vector<kavobpf::Event>&)>& done,
+                   std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (std::chrono::milliseconds wait(0);; wait = 100ms) {
+    // What has come so far (up to a batch: the machine's records never stop),
+    // then the condition once for all of it.
+    for (int taken = 0; taken < 50000; ++taken) {
+      auto event = client.NextEvent(taken == 0 ? wait : 0ms);
+      if (!event) break;
+      events->push_back(std::move(*event));
+    }
+    if (done(*events)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+  }
+}
+
+std::vector<size_t> EventsOf(const std::vector<kavobpf::Event>& events, int32_t type, pid_t pid) {
+  std::vector<size_t> found;
+  for (size_t i = 0; i < events.size(); ++i) {
+    if (events[i].type != type || events[i].size < 8) continue;
+    int32_t about;  // every record's pid follows its u32 type (derived) or header (raw)
+    const kavobpf::Event& e = events[i];
+    if (auto* c = e.as<kavo_process_created_event>()) about = c->pid;
+    else if (auto* x = e.as<kavo_process_exited_event>()) about = x->pid;
+    else if (auto* t = e.as<kavo_thread_count_event>()) about = t->pid;
+    else if (auto* m = e.as<kavo_memory_changed_event>()) about = m->pid;
+    else if (auto* f = e.as<kavo_fork_event>()) about = f->pid;
+    else if (auto* d = e.as<kavo_exit_event>()) about = d->pid;
+    else continue;
+    if (about == pid) found.push_back(i);
+  }
+  return found;
+}
+
+std::map<pid_t, std::vector<std::string>> DumpTaskTable(ChildProcess& daemon) {
+  const std::string file = Kavo::Bpf::KavoTaskManager::KAVOTASK_DUMP_TEMPLATE;
+  unlink(file.c_str());
+  daemon.Signal(Kavo::Bpf::kSignalDumpTasksNormal);
+  std::map<pid_t, std::vector<std::string>> rows;
+  // Written in place: whole once it holds as many rows as its header counts.
+  WaitUntil([&] {
+    rows.clear();
+    std::istringstream text(ReadFile(file));
+    std::string header, titles, row;
+    size_t count = 0;
+    if (!std::getline(text, header) || !std::getline(text, titles) ||
+        sscanf(header.c_str(), "============ DUMP ALL KAVO TASKS INFO (count: %zu,", &count) != 1) {
+      return false;
+    }
+    while (std::getline(text, row)) {
+      std::vector<std::string> words;  // the name may hold blanks: count from the end
+      std::istringstream fields(row);
+      for (std::string word; fields >> word;) words.push_back(word);
+      if (words.size() < 14) return false;
+      rows[std::stoi(words[words.size() - 13])] = std::vector<std::string>(words.end() - 13, words.end());
+    }
+    return rows.size() == count && count > 0;
+  }, 2s);
+  return rows;
 }
 
 }  // namespace kavo::test

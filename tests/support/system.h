@@ -13,12 +13,18 @@
 //
 // Thread-compatible.
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "kavobpf/kavobpf_client.h"
 #include "support/processes.h"
+#include "support/wait_until.h"
 
 namespace kavo::test {
 
@@ -55,5 +61,16 @@ class KavoSystem {
   Options options_;
   std::unique_ptr<ChildProcess> daemon_;
 };
+
+// Takes |client|'s events into *events until |done| holds for them all.
+bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
+                   const std::function<bool(const std::vector<kavobpf::Event>&)>& done,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// The events of |type| about |pid|, oldest first, as indexes into |events|.
+std::vector<size_t> EventsOf(const std::vector<kavobpf::Event>& events, int32_t type, pid_t pid);
+// The daemon's task table, from the dump it writes on signal 53: by pid, the
+// words of each row from the pid on ("pid ppid threads mmId <anon> KB <file>
+// KB <shmem> KB <swap> KB <start>"); empty when no whole dump came in 2 s.
+std::map<pid_t, std::vector<std::string>> DumpTaskTable(ChildProcess& daemon);
 
 }  // namespace kavo::test
