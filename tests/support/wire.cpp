@@ -11,24 +11,14 @@
 
 namespace kavo::test {
 
-namespace {
-
-void Put32(std::string* out, uint32_t v) { out->append(reinterpret_cast<const char*>(&v), 4); }
-
-}  // namespace
+std::string U32(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
 
 std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType) {
-  std::string frame;
-  for (uint32_t v : {24u, 0u, 16u, reqId, reqType, 4u, static_cast<uint32_t>(eventType)}) Put32(&frame, v);
-  return frame;
+  return PackageFrame(0, U32(reqId) + U32(reqType) + U32(4) + U32(static_cast<uint32_t>(eventType)));
 }
 
 std::string PackageFrame(uint32_t type, const std::string& body) {
-  std::string frame;
-  for (uint32_t v : {static_cast<uint32_t>(body.size() + 8), type, static_cast<uint32_t>(body.size())}) {
-    Put32(&frame, v);
-  }
-  return frame + body;
+  return RawFrame(U32(type) + U32(static_cast<uint32_t>(body.size())) + body);
 }
 
 std::vector<Frame> ParseFrames(std::string* bytes) {
@@ -50,11 +40,7 @@ std::vector<Frame> ParseFrames(std::string* bytes) {
   return frames;
 }
 
-std::string RawFrame(const std::string& body) {
-  std::string frame;
-  Put32(&frame, static_cast<uint32_t>(body.size()));
-  return frame + body;
-}
+std::string RawFrame(const std::string& body) { return U32(static_cast<uint32_t>(body.size())) + body; }
 
 RawClient::~RawClient() { Close(); }
 

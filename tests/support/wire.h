@@ -24,6 +24,8 @@ struct Frame {
   std::string body;   // after the 8-byte second-level header
 };
 
+// A u32 as it stands on the wire (host byte order).
+std::string U32(uint32_t value);
 // "size | 0 | 16 | reqId | reqType | 4 | eventType", 28 bytes.
 std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType);
 // A second-level package (type, size, body) behind its first-level size.

@@ -1,0 +1,262 @@
+// The IPC framework alone, as the service and the client library lean on it:
+// which frames are whole and which are dropped, how a client's queue is cut
+// back and packed into send buffers, when the loop writes, and what a peer
+// that stops reading costs. The framework keeps no files of its own: what it
+// loses goes to the recorder its user installed.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/harness.h"
+#include "support/ipc_error_capture.h"
+#include "support/log_capture.h"
+#include "support/wait_until.h"
+#include "support/wire.h"
+#include "utils/kavo_bpf_helper_string.h"
+#include "utils/kavo_bpf_ipc_helper.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kavo::test::PackageFrame;
+using kavo::test::RecordedIpcErrors;
+using kavo::test::U32;
+
+[[maybe_unused]] const bool kCapturing = (kavo::test::CaptureIpcErrors(), true);
+
+size_t Occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
+  // Two whole frames and half of a third: two dispatched, the half waits; a
+  // handler's -1 ends the pass with the frame behind it unread.
+  std::vector<std::string> seen;
+  auto record = [&](int, char* body, unsigned n) { seen.emplace_back(body, n); return seen.back() == "stop" ? -1 : 0; };
+  IpcPackageHandler handler({{0, record}, {2, nullptr}});
+  BufferState buffer;
+  buffer.buffer.resize(32768);
+  auto arrive = [&](const std::string& bytes) { ASSERT_TRUE(buffer.write(bytes.data(), bytes.size())); };
+  const std::string third = PackageFrame(0, "third");
+  arrive(PackageFrame(0, "one") + PackageFrame(2, "ignored") + PackageFrame(9, "unknown") + third.substr(0, 7));
+  EXPECT_EQ(1, handler.handleAllIpcPackageInBuffer(7, &buffer));
+  EXPECT_EQ(7u, buffer.unread());
+  arrive(third.substr(7) + PackageFrame(0, "stop") + PackageFrame(0, "four"));
+  EXPECT_EQ(0, handler.handleAllIpcPackageInBuffer(7, &buffer));
+  EXPECT_EQ((std::vector<std::string>{"one", "third", "stop"}), seen);
+  EXPECT_EQ(PackageFrame(0, "four").size(), buffer.unread());
+  // A package header that disagrees with its frame is a broken invariant.
+  buffer.resetCursors();
+  arrive(PackageFrame(0, "abc").replace(8, 4, U32(2)));
+  EXPECT_DEATH(handler.handleAllIpcPackageInBuffer(3, &buffer),
+               "Check failed: packagePtr->size == size - sizeof\\(KavoIpcSecondLevelPackageHeader\\)");
+
+  kavo::test::LogCapture log;
+  unsigned header = 0, size = 99;
+  buffer.resetCursors();
+  arrive(U32(0).substr(0, 3));  // not even the header yet
+  EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
+  EXPECT_EQ(4u, header);
+  EXPECT_EQ(99u, size);
+  // By announced size: whole once all of it is there, or damaged at once.
+  for (uint32_t announced : {0u, 32763u, 32764u, 32765u, 0xFFFFFFFDu}) {
+    SCOPED_TRACE(announced);
+    buffer.resetCursors();
+    arrive(U32(announced));
+    if (announced <= 32764) {
+      buffer.bufferDataCursor = 3 + announced;
+      EXPECT_TRUE(announced == 0 || !CheckIpcPackageComplete(&buffer, &header, &size));
+      buffer.bufferDataCursor = 4 + announced;
+      EXPECT_TRUE(CheckIpcPackageComplete(&buffer, &header, &size));
+      EXPECT_EQ(announced, size);
+      continue;
+    }
+    EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
+    EXPECT_EQ(0u, buffer.bufferDataCursor);  // the connection's bytes are gone, not the connection
+    EXPECT_EQ(0u, RecordedIpcErrors().find(
+        "----------\nErrorCode: 2\nError: Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) +
+        ", cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: " + Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4)));
+  }
+  EXPECT_EQ(2u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
+}
+
+// Everything queued, as the client reads it, one 32768-byte send buffer after another.
+std::string Drain(IpcPackageManager* queue, bool inOneGo) {
+  std::string sent;
+  BufferState buffer;
+  buffer.buffer.resize(32768);
+  for (int round = 0; round < 1000 && queue->getIpcPackageCount() != 0; ++round) {
+    buffer.resetCursors();
+    if (inOneGo) queue->fillNextIpcPackagesToBuffer(&buffer);
+    while (!inOneGo && queue->fillNextIpcPackageToBuffer(&buffer)) {
+    }
+    sent.append(buffer.data(), buffer.bufferDataCursor);
+  }
+  return sent;
+}
+
+TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
+  kavo::test::LogCapture log;
+  // Every way of queueing, with the error kind and log line it reports.
+  using Append = std::function<void(IpcPackageManager*, uint32_t)>;
+  const std::vector<std::tuple<int, std::string, Append>> ways = {
+      {3, "[BuildAndAppendIpc]", [](IpcPackageManager* q, uint32_t i) { q->buildAndAppendIpcPackage(reinterpret_cast<char*>(&i), 4); }},
+      {4, "[AppendSecondIpc]", [](IpcPackageManager* q, uint32_t i) { q->buildAndAppendSecondIpcPackage(3, reinterpret_cast<char*>(&i), 4); }},
+      {5, "[AppendReqIpc]", [](IpcPackageManager* q, uint32_t i) { KavoReqIpcPackage r{i, 51, 0, nullptr}; q->appendReqIpcPackage(&r); }},
+      {6, "[AppendRespIpc]", [](IpcPackageManager* q, uint32_t i) { KavoRespIpcPackage r; r.reqId = i; q->appendRespIpcPackage(&r); }}};
+  for (const auto& [code, prefix, append] : ways) {
+    SCOPED_TRACE(code);
+    IpcPackageManager queue;
+    for (uint32_t i = 1; i <= 10002; ++i) {
+      append(&queue, i);
+      // Up to 10001 queued nothing is cut; the append that finds 10001 cuts
+      // the queue back to its 5000 newest and comes last.
+      EXPECT_TRUE(i < 10000 || queue.getIpcPackageCount() == (i <= 10001 ? i : 5001u)) << i << ": " << queue.getIpcPackageCount();
+    }
+    EXPECT_EQ(1u, log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR));
+    EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: " + std::to_string(code) +
+                                           "\nError: B&A Ipc Package queue full 10000\n"));
+    const std::string sent = Drain(&queue, false);
+    EXPECT_EQ(std::string::npos, sent.find(U32(5001)));
+    EXPECT_NE(std::string::npos, sent.find(U32(5002)));
+    EXPECT_NE(std::string::npos, sent.find(U32(10002)));
+  }
+
+  // A response is a 24-byte frame; a package of an unknown type is refused.
+  IpcPackageManager queue;
+  KavoRespIpcPackage response;
+  response.reqId = 7;
+  response.result = -1;
+  queue.appendRespIpcPackage(&response);
+  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));
+  EXPECT_EQ(U32(20) + U32(1) + U32(12) + U32(7) + U32(0xFFFFFFFF) + U32(0), Drain(&queue, false));
+
+  // A send buffer takes a package of 32764 bytes exactly; one of 32765 can
+  // never be sent and goes on the record; one byte short of room, the next
+  // package waits for a drained buffer.
+  std::string big(32765, 'b');
+  queue.buildAndAppendIpcPackage(&big[0], 32764);
+  queue.buildAndAppendIpcPackage(&big[0], 32765);
+  queue.buildAndAppendSecondIpcPackage(3, &big[0], 10);
+  BufferState buffer;
+  buffer.buffer.resize(32768);
+  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(32768u, buffer.bufferDataCursor);
+  buffer.resetCursors();
+  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: 8\nError: fillNextIpcPackageToBuffer ipc package damaged\n"));
+  buffer.bufferDataCursor = 32768 - 21;
+  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+  buffer.bufferDataCursor = 32768 - 22;
+  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+  queue.buildAndAppendIpcPackage(&big[0], 32765);
+  EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer));
+  EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: 7\nError: fillIpcPackageToBuffer ipc package damaged\n"));
+
+  // Events queued in batches and packed in one go reach the client as the
+  // same bytes, trims and records as one at a time, across the queue's blocks.
+  IpcPackageManager oneByOne, batched;
+  std::vector<std::string> events;
+  for (uint32_t i = 0; i < 15003; ++i) events.push_back(U32(i) + std::string(i % 50, char(i)));
+  events[12000] = big;  // bigger than any block, and than any send buffer
+  std::vector<KavoIpcBytes> bodies;
+  for (const std::string& e : events) bodies.push_back({e.data(), uint32_t(e.size())});
+  const size_t trims = log.Count("[AppendSecondIpc]"), records = Occurrences(RecordedIpcErrors(), "ErrorCode: ");
+  for (std::string& e : events) oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
+  for (size_t at = 0; at < bodies.size(); at += 7) {
+    EXPECT_TRUE(batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at)));
+  }
+  EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));
+  const std::string expected = Drain(&oneByOne, false);
+  EXPECT_TRUE(expected == Drain(&batched, true));
+  EXPECT_EQ(records + 6, Occurrences(RecordedIpcErrors(), "ErrorCode: "));  // 4 trims, 2 drops
+  EXPECT_EQ(PackageFrame(3, events[10002]), expected.substr(0, PackageFrame(3, events[10002]).size()));
+  EXPECT_EQ(PackageFrame(3, events[15002]), expected.substr(expected.size() - PackageFrame(3, events[15002]).size()));
+}
+
+TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
+  kavo::test::RunInNamespace([] {
+    kavo::test::LogCapture log;
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair));
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(0, &cpus);
+    std::mutex mutex;
+    std::vector<uint32_t> writes, reads;
+    std::atomic<int> rounds{3};
+    std::atomic<uint64_t> queued{0}, written{0};
+    EpollManager loop(10, 32, nullptr, "IpcFrameworkTest", cpus, -1);
+    EXPECT_FALSE(loop.notifyWriteEventReady(pair[0]));
+    EXPECT_TRUE(log.Contains("[EpollManager][notifyWriteEventReady] the socket fd does not exist"));
+    // Three rounds of data, then nothing left: write interest is dropped, so
+    // the next readable event comes without EPOLLOUT.
+    EpollCallback callbacks;
+    callbacks.writeCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); writes.push_back(e.events); return --rounds > 0 ? 0 : -3; };
+    callbacks.readCallback = [&](epoll_event e) { char c; (void)!read(pair[0], &c, 1); std::lock_guard<std::mutex> g(mutex); reads.push_back(e.events); return 0; };
+    ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
+    loop.start();
+    ASSERT_TRUE(loop.notifyWriteEventReady(pair[0]));
+    auto seen = [&](size_t w, size_t r) { return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return writes.size() >= w && reads.size() >= r; }); };
+    ASSERT_TRUE(seen(3, 0));
+    ASSERT_EQ(1, write(pair[1], "x", 1));
+    ASSERT_TRUE(seen(3, 1));
+    {
+      std::lock_guard<std::mutex> g(mutex);
+      EXPECT_EQ(std::vector<uint32_t>(3, EPOLLOUT), writes);
+      EXPECT_EQ(std::vector<uint32_t>{EPOLLIN}, reads);
+    }
+    // Many producers asking for every event they queue, against a loop that
+    // drops the interest whenever it finds nothing: no event is left unwritten.
+    callbacks.readCallback = nullptr;
+    callbacks.writeCallback = [&](epoll_event) { uint64_t n = queued.exchange(0); written += n; return n != 0 ? 0 : -3; };
+    ASSERT_TRUE(loop.delMonitorFd(pair[0]));
+    ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
+    std::vector<std::thread> producers;
+    for (int t = 0; t < 3; ++t) {
+      producers.emplace_back([&] {
+        for (int i = 0; i < 50000; ++i) ++queued, loop.notifyWriteEventReady(pair[0]);
+      });
+    }
+    for (std::thread& producer : producers) producer.join();
+    EXPECT_TRUE(kavo::test::WaitUntil([&] { return written == 150000; }, 10s)) << written;
+    loop.stop();
+
+    // A peer that reads nothing: ten yields, one more try after a second's
+    // pause, then the unsent bytes are dropped and on the record.
+    UnixIpcManager endpoint(true, 32768, "kavo_unused", IpcHandlerState(), "IpcFrameworkTest", cpus, 10, 32);
+    std::string fill(4096, 'f');
+    while (send(pair[0], fill.data(), fill.size(), MSG_DONTWAIT) > 0) {
+    }
+    BufferState buffer;
+    buffer.buffer.resize(32768);
+    buffer.bufferDataCursor = 32768;
+    EXPECT_FALSE(endpoint.ensureDataSend(pair[0], &buffer));
+    EXPECT_TRUE(log.Contains("[UnixIpcManager] Socket buffer full! tryCount: 11", ANDROID_LOG_WARN));
+    EXPECT_FALSE(log.Contains("tryCount: 12"));
+    EXPECT_TRUE(log.Contains("[UnixIpcManager] Clear send buffer"));
+    EXPECT_EQ(0u, RecordedIpcErrors().find(
+        "----------\nErrorCode: 1\nError: Send data 10 times failed. bufferCursor: 0, bufferDataCursor: 32768\n"));
+    EXPECT_EQ(0u, buffer.bufferDataCursor);
+    // Once the peer reads again, what is sent next reaches it.
+    std::string drained(1 << 20, '\0');
+    while (recv(pair[1], &drained[0], drained.size(), MSG_DONTWAIT) > 0) {
+    }
+    ASSERT_TRUE(buffer.write("alive", 5));
+    EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer));
+    EXPECT_EQ(5, recv(pair[1], &drained[0], drained.size(), 0));
+    EXPECT_EQ("alive", drained.substr(0, 5));
+    EXPECT_FALSE(kavo::test::PathExists("/data/kavolog"));
+    for (int fd : pair) close(fd);
+  });
+}
+
+}  // namespace
