@@ -1,8 +1,7 @@
-// libkavobpfclient against the real service on the real kernel: typed
-// events whose fields are what the kernel saw, the result of every request,
+// libkavobpfclient against kavobpfd on the real kernel: typed events whose
+// fields are what the kernel saw, what every kind of request comes back with,
 // and a client that follows the daemon through a kill and a restart.
 
-#include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -10,16 +9,13 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/system.h"
 #include "kavobpf/kavobpf_client.h"
 #include "support/harness.h"
+#include "support/system.h"
 #include "support/wait_until.h"
 
 namespace {
@@ -28,157 +24,121 @@ using namespace std::chrono_literals;
 using kavobpf::Client;
 using kavobpf::Event;
 
-std::string OwnComm() {
-  std::string comm = kavo::test::ReadFile("/proc/self/comm");
-  if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-  return comm;
+pid_t ForkAndReap() {
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  return child;
 }
 
-// Events of |pid| until |done| says so, or the timeout.
-std::vector<Event> EventsOf(Client& client, pid_t pid, const std::function<bool(const std::vector<Event>&)>& done,
-                            std::chrono::milliseconds timeout = 10s) {
+// Events of |pid| until one of layout T arrives, or 10 s passed.
+template <typename T>
+std::vector<Event> EventsOfUntil(Client& client, pid_t pid) {
   std::vector<Event> events;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done(events) && std::chrono::steady_clock::now() < deadline) {
+  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
     auto event = client.NextEvent(100ms);
     if (!event) continue;
-    int32_t of = -1;
-    std::visit(
-        [&of](const auto& record) {
-          if constexpr (!std::is_same_v<std::decay_t<decltype(record)>, std::monostate>) of = record.pid;
-        },
-        event->record);
-    if (of == pid) events.push_back(std::move(*event));
+    std::visit([&](const auto& r) { if constexpr (!std::is_same_v<std::decay_t<decltype(r)>, std::monostate>) if (r.pid == pid) events.push_back(*event); }, event->record);
+    if (!events.empty() && events.back().as<T>() != nullptr) break;
   }
   return events;
 }
 
 template <typename T>
 const T* First(const std::vector<Event>& events) {
-  for (const Event& event : events) {
-    if (const T* record = event.as<T>()) return record;
-  }
+  for (const Event& event : events) if (const T* record = event.as<T>()) return record;
   return nullptr;
 }
 
-TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSaw) {
+TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
   kavo::test::RunInNamespace([] {
     kavo::test::KavoSystem system;
     std::string why;
     if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
-    Client client;
-    ASSERT_TRUE(client.Connect(5s));
-    for (int32_t type : std::initializer_list<int32_t>{KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE,
-                                                       KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
-                                                       KAVO_EVENT_PROCESS_EXITED}) {
-      ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(type)) << type;
-    }
-
-    // A child that renames itself, touches 8 MiB and tells what /proc says
-    // its anonymous memory is, then waits to be told to end.
-    constexpr size_t kTouched = 8 << 20;
-    int report[2], go[2];
-    ASSERT_EQ(0, pipe(report));
-    ASSERT_EQ(0, pipe(go));
-    pid_t child = fork();
-    if (child == 0) {
-      prctl(PR_SET_NAME, "kavo-typed");
-      char* memory = static_cast<char*>(
-          mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-      memset(memory, 1, kTouched);
-      std::string status = kavo::test::ReadFile("/proc/self/status");
-      long long anonKb = atoll(status.c_str() + status.find("RssAnon:") + 8);
-      (void)!write(report[1], &anonKb, sizeof(anonKb));
-      char byte;
-      (void)!read(go[0], &byte, 1);
-      _exit(0);
-    }
-    long long anonKb = 0;
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(anonKb)), read(report[0], &anonKb, sizeof(anonKb)));
-    ASSERT_GE(anonKb * 1024, static_cast<long long>(kTouched));
-    (void)!write(go[1], "x", 1);
-    waitpid(child, nullptr, 0);
-
-    std::vector<Event> events = EventsOf(client, child, [](const std::vector<Event>& seen) {
-      return First<kavo_process_exited_event>(seen) != nullptr;
-    });
-
-    const auto* fork = First<kavo_fork_event>(events);
-    ASSERT_NE(nullptr, fork);
-    EXPECT_EQ(getpid(), fork->ppid);
-    EXPECT_EQ(static_cast<int32_t>(getuid()), fork->uid);
-    EXPECT_EQ(static_cast<uint32_t>(KAVO_TASK_PROCESS), fork->kind);
-    EXPECT_EQ(OwnComm(), kavobpf::Text(fork->comm));  // the name before the rename
-    const auto* created = First<kavo_process_created_event>(events);
-    ASSERT_NE(nullptr, created);
-    EXPECT_EQ(getpid(), created->ppid);
-    EXPECT_EQ(OwnComm(), kavobpf::Text(created->comm));
-
-    // The largest anonymous size the kernel reported is the 8 MiB touched,
-    // as /proc counted it then (the kernel's counters are batched per CPU,
-    // so allow for one batch).
-    int64_t largestAnon = 0;
-    for (const Event& event : events) {
-      const auto* rss = event.as<kavo_rss_event>();
-      if (rss != nullptr && rss->member == KAVO_RSS_ANON) largestAnon = std::max<int64_t>(largestAnon, rss->size);
-    }
-    EXPECT_GE(largestAnon, static_cast<int64_t>(kTouched));
-    EXPECT_LE(largestAnon, anonKb * 1024 + (1 << 20));
-
-    const auto* exit = First<kavo_exit_event>(events);
-    ASSERT_NE(nullptr, exit);
-    EXPECT_EQ(static_cast<uint32_t>(KAVO_TASK_PROCESS), exit->kind);
-    EXPECT_EQ("kavo-typed", kavobpf::Text(exit->comm));
-    EXPECT_GT(exit->header.time_ns, fork->header.time_ns);
-    const auto* exited = First<kavo_process_exited_event>(events);
-    ASSERT_NE(nullptr, exited);
-    EXPECT_EQ("kavo-typed", kavobpf::Text(exited->comm));
-    EXPECT_EQ(0, system.Stop());
-  });
-}
-
-TEST(ClientLibrary, EveryRequestReportsItsResult) {
-  kavo::test::RunInNamespace([] {
-    kavo::test::KavoSystem system;
-    std::string why;
-    if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
-
-    // Requests made before the connection go out once it is there.
-    std::atomic<int> early{1};
-    kavobpf::ClientCallbacks callbacks;
-    std::atomic<int> inCallback{0};
+    // A request made before the connection goes out once it is there; a
+    // blocking one from the client's own thread would wait for itself.
+    std::atomic<int> early{1}, inCallback{1};
     Client* self = nullptr;
-    callbacks.onConnection = [&](kavobpf::ConnectionChange) {
-      inCallback = self->Subscribe(KAVO_EVENT_PROCESS_CREATED);
-    };
+    kavobpf::ClientCallbacks callbacks;
+    callbacks.onConnection = [&](kavobpf::ConnectionChange) { inCallback = self->Subscribe(KAVO_EVENT_PROCESS_CREATED); };
     Client client({}, callbacks);
     self = &client;
     client.SubscribeAsync(KAVO_EVENT_PROCESS_EXITED, [&early](int result) { early = result; });
     ASSERT_TRUE(client.Connect(5s));
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return early == kavobpf::kAccepted; }));
-    // Blocking from its own thread would wait for itself.
     EXPECT_EQ(kavobpf::kInCallback, inCallback.load());
-
-    // The service refuses a subscription without its event type, and a code
-    // it does not know; a type no program produces is accepted.
+    for (int32_t type : std::initializer_list<int32_t>{KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED}) {
+      ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(type)) << type;
+    }
+    // Refused: a subscription without its event type, a code the service
+    // does not know. Accepted: a type no program produces.
+    int32_t exitedType = KAVO_EVENT_PROCESS_EXITED;
     EXPECT_EQ(kavobpf::kRefused, client.Request(kavobpf::kRequestSubscribe, nullptr, 0));
-    int32_t type = KAVO_EVENT_PROCESS_EXITED;
-    EXPECT_EQ(kavobpf::kRefused, client.Request(53, &type, sizeof(type)));
+    EXPECT_EQ(kavobpf::kRefused, client.Request(53, &exitedType, sizeof(exitedType)));
     EXPECT_EQ(kavobpf::kAccepted, client.Subscribe(12345));
 
-    // Unsubscribed, the exits stop; the subscription of 50002 had made them flow.
-    ASSERT_EQ(kavobpf::kAccepted, client.Unsubscribe(KAVO_EVENT_PROCESS_EXITED));
-    while (client.NextEvent(200ms)) {
-    }
+    // A child that renames itself, touches 8 MiB and tells what /proc says
+    // its anonymous memory is, then ends when told.
+    constexpr size_t kTouched = 8 << 20;
+    int report[2], go[2];
+    ASSERT_TRUE(pipe(report) == 0 && pipe(go) == 0);
     pid_t child = fork();
-    if (child == 0) _exit(0);
+    if (child == 0) {
+      prctl(PR_SET_NAME, "kavo-typed");
+      memset(mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), 1, kTouched);
+      std::string status = kavo::test::ReadFile("/proc/self/status");
+      long long anonKb = atoll(status.c_str() + status.find("RssAnon:") + 8);
+      char byte;
+      (void)!write(report[1], &anonKb, sizeof(anonKb));
+      (void)!read(go[0], &byte, 1);
+      _exit(0);
+    }
+    long long anonKb = 0;
+    ASSERT_EQ(ssize_t(sizeof(anonKb)), read(report[0], &anonKb, sizeof(anonKb)));
+    (void)!write(go[1], "x", 1);
     waitpid(child, nullptr, 0);
-    EXPECT_FALSE(client.NextEvent(1s).has_value());
+    std::vector<Event> events = EventsOfUntil<kavo_process_exited_event>(client, child);
+    std::string comm = kavo::test::ReadFile("/proc/self/comm");
+    comm.pop_back();
+    const auto* fork = First<kavo_fork_event>(events);
+    const auto* created = First<kavo_process_created_event>(events);
+    const auto* exit = First<kavo_exit_event>(events);
+    const auto* exited = First<kavo_process_exited_event>(events);
+    ASSERT_TRUE(fork && created && exit && exited);
+    EXPECT_EQ(getpid(), fork->ppid);
+    EXPECT_EQ(int32_t(getuid()), fork->uid);
+    EXPECT_EQ(uint32_t(KAVO_TASK_PROCESS), fork->kind);
+    EXPECT_EQ(comm, kavobpf::Text(fork->comm));  // the name before the rename
+    EXPECT_EQ(getpid(), created->ppid);
+    EXPECT_EQ(comm, kavobpf::Text(created->comm));
+    EXPECT_EQ(uint32_t(KAVO_TASK_PROCESS), exit->kind);
+    EXPECT_EQ("kavo-typed", kavobpf::Text(exit->comm));
+    EXPECT_GT(exit->header.time_ns, fork->header.time_ns);
+    EXPECT_EQ("kavo-typed", kavobpf::Text(exited->comm));
+    // The largest anonymous size reported is the 8 MiB touched, as /proc
+    // counted it (the kernel batches its counters per CPU: one batch of slack).
+    int64_t largestAnon = 0;
+    for (const Event& event : events) {
+      if (auto* rss = event.as<kavo_rss_event>(); rss && rss->member == KAVO_RSS_ANON) largestAnon = std::max<int64_t>(largestAnon, rss->size);
+    }
+    EXPECT_GE(largestAnon, int64_t(kTouched));
+    EXPECT_LE(largestAnon, anonKb * 1024 + (1 << 20));
 
-    // Closed, a request ends at once.
+    // Unsubscribed, the exits stop: the next child's exit is not reported
+    // before the creation of the one after it.
+    ASSERT_EQ(kavobpf::kAccepted, client.Unsubscribe(KAVO_EVENT_PROCESS_EXITED));
+    const pid_t quiet = ForkAndReap(), marker = ForkAndReap();
+    bool markerSeen = false;
+    for (auto event = client.NextEvent(10s); event && !markerSeen; event = client.NextEvent(10s)) {
+      if (auto* gone = event->as<kavo_process_exited_event>()) {
+        EXPECT_NE(quiet, gone->pid);
+      }
+      auto* made = event->as<kavo_process_created_event>();
+      markerSeen = made && made->pid == marker;
+    }
+    EXPECT_TRUE(markerSeen);
     client.Close();
     EXPECT_EQ(kavobpf::kClosed, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
-    EXPECT_FALSE(client.NextEvent(10ms).has_value());
     EXPECT_EQ(0, system.Stop());
   });
 }
@@ -188,57 +148,37 @@ TEST(ClientLibrary, FollowsTheServiceThroughARestart) {
     kavo::test::KavoSystem system;
     std::string why;
     if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
-
     std::mutex mutex;
     std::vector<kavobpf::ConnectionChange> changes;
     std::vector<int32_t> exits;
     kavobpf::ClientCallbacks callbacks;
-    callbacks.onConnection = [&](kavobpf::ConnectionChange change) {
-      std::lock_guard<std::mutex> guard(mutex);
-      changes.push_back(change);
-    };
+    callbacks.onConnection = [&](kavobpf::ConnectionChange change) { std::lock_guard<std::mutex> g(mutex); changes.push_back(change); };
     callbacks.onEvent = [&](const Event& event) {
-      std::lock_guard<std::mutex> guard(mutex);
+      std::lock_guard<std::mutex> g(mutex);
       if (auto* exited = event.as<kavo_process_exited_event>()) exits.push_back(exited->pid);
     };
     Client client({}, callbacks);
     ASSERT_TRUE(client.Connect(5s));
     ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
     auto exitSeen = [&](pid_t pid) {
-      return kavo::test::WaitUntil(
-          [&] {
-            std::lock_guard<std::mutex> guard(mutex);
-            return std::find(exits.begin(), exits.end(), pid) != exits.end();
-          },
-          10s);
+      return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return std::count(exits.begin(), exits.end(), pid) == 1; }, 10s);
     };
-    auto forkAndReap = [] {
-      pid_t child = fork();
-      if (child == 0) _exit(0);
-      waitpid(child, nullptr, 0);
-      return child;
-    };
-    EXPECT_TRUE(exitSeen(forkAndReap()));
-
+    EXPECT_TRUE(exitSeen(ForkAndReap()));
     system.Kill(SIGKILL);
     ASSERT_TRUE(system.StartDaemon(&why)) << why;
-    // The client reconnects within its 5-second retry period and subscribes
-    // again by itself. (A dying daemon's socket may still take a connection
-    // for an instant; that one is lost again at once and reported so.)
+    // Back within the 5-second retry period, subscribed again by itself. (A
+    // dying daemon's socket may still take a connection for an instant; that
+    // one is lost again at once and reported so.)
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return client.connected() && client.stats().reconnections > 0; }, 8s));
-    EXPECT_TRUE(exitSeen(forkAndReap()));
-    {
-      std::lock_guard<std::mutex> guard(mutex);
-      ASSERT_GE(changes.size(), 3u);
-      EXPECT_EQ(kavobpf::ConnectionChange::kConnected, changes[0]);
-      for (size_t i = 1; i < changes.size(); ++i) {
-        EXPECT_EQ(i % 2 == 1 ? kavobpf::ConnectionChange::kLost : kavobpf::ConnectionChange::kReconnected,
-                  changes[i]) << i;
-      }
-      EXPECT_EQ(kavobpf::ConnectionChange::kReconnected, changes.back());
-      EXPECT_EQ(changes.size() / 2, client.stats().reconnections);
-    }
+    EXPECT_TRUE(exitSeen(ForkAndReap()));
     client.Close();
+    ASSERT_GE(changes.size(), 3u);
+    for (size_t i = 0; i < changes.size(); ++i) {
+      using C = kavobpf::ConnectionChange;
+      EXPECT_EQ(i == 0 ? C::kConnected : i % 2 == 1 ? C::kLost : C::kReconnected, changes[i]) << i;
+    }
+    EXPECT_EQ(kavobpf::ConnectionChange::kReconnected, changes.back());
+    EXPECT_EQ(changes.size() / 2, client.stats().reconnections);
     EXPECT_EQ(0, system.Stop());
   });
 }
