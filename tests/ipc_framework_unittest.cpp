@@ -37,46 +37,23 @@ size_t Occurrences(const std::string& text, const std::string& needle) {
 }
 
 TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
-  // Two whole frames and half of a third: two dispatched, the half waits; a
-  // handler's -1 ends the pass with the frame behind it unread.
-  std::vector<std::string> seen;
-  auto record = [&](int, char* body, unsigned n) { seen.emplace_back(body, n); return seen.back() == "stop" ? -1 : 0; };
-  IpcPackageHandler handler({{0, record}, {2, nullptr}});
+  kavo::test::LogCapture log;
   BufferState buffer;
   buffer.buffer.resize(32768);
-  auto arrive = [&](const std::string& bytes) { ASSERT_TRUE(buffer.write(bytes.data(), bytes.size())); };
-  const std::string third = PackageFrame(0, "third");
-  arrive(PackageFrame(0, "one") + PackageFrame(2, "ignored") + PackageFrame(9, "unknown") + third.substr(0, 7));
-  EXPECT_EQ(1, handler.handleAllIpcPackageInBuffer(7, &buffer));
-  EXPECT_EQ(7u, buffer.unread());
-  arrive(third.substr(7) + PackageFrame(0, "stop") + PackageFrame(0, "four"));
-  EXPECT_EQ(0, handler.handleAllIpcPackageInBuffer(7, &buffer));
-  EXPECT_EQ((std::vector<std::string>{"one", "third", "stop"}), seen);
-  EXPECT_EQ(PackageFrame(0, "four").size(), buffer.unread());
-  // A package header that disagrees with its frame is a broken invariant.
-  buffer.resetCursors();
-  arrive(PackageFrame(0, "abc").replace(8, 4, U32(2)));
-  EXPECT_DEATH(handler.handleAllIpcPackageInBuffer(3, &buffer),
-               "Check failed: packagePtr->size == size - sizeof\\(KavoIpcSecondLevelPackageHeader\\)");
-
-  kavo::test::LogCapture log;
-  unsigned header = 0, size = 99;
-  buffer.resetCursors();
-  arrive(U32(0).substr(0, 3));  // not even the header yet
-  EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
-  EXPECT_EQ(4u, header);
-  EXPECT_EQ(99u, size);
-  // By announced size: whole once all of it is there, or damaged at once.
+  unsigned header = 0, size = 0;
+  // By announced size: whole once all of it is there (a header alone for an
+  // empty package, the whole buffer for the largest), or damaged at once.
   for (uint32_t announced : {0u, 32763u, 32764u, 32765u, 0xFFFFFFFDu}) {
     SCOPED_TRACE(announced);
     buffer.resetCursors();
-    arrive(U32(announced));
+    ASSERT_TRUE(buffer.write(U32(announced).data(), 4));
     if (announced <= 32764) {
       buffer.bufferDataCursor = 3 + announced;
-      EXPECT_TRUE(announced == 0 || !CheckIpcPackageComplete(&buffer, &header, &size));
+      EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
       buffer.bufferDataCursor = 4 + announced;
       EXPECT_TRUE(CheckIpcPackageComplete(&buffer, &header, &size));
       EXPECT_EQ(announced, size);
+      EXPECT_EQ(4u, header);
       continue;
     }
     EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
@@ -117,28 +94,19 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
     IpcPackageManager queue;
     for (uint32_t i = 1; i <= 10002; ++i) {
       append(&queue, i);
-      // Up to 10001 queued nothing is cut; the append that finds 10001 cuts
-      // the queue back to its 5000 newest and comes last.
+      // Up to 10001 queued nothing is cut; the append that finds 10001 cuts the queue back to its 5000 newest.
       EXPECT_TRUE(i < 10000 || queue.getIpcPackageCount() == (i <= 10001 ? i : 5001u)) << i << ": " << queue.getIpcPackageCount();
     }
     EXPECT_EQ(1u, log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR));
-    EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: " + std::to_string(code) +
-                                           "\nError: B&A Ipc Package queue full 10000\n"));
+    EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: " + std::to_string(code) + "\nError: B&A Ipc Package queue full 10000\n"));
     const std::string sent = Drain(&queue, false);
     EXPECT_EQ(std::string::npos, sent.find(U32(5001)));
     EXPECT_NE(std::string::npos, sent.find(U32(5002)));
     EXPECT_NE(std::string::npos, sent.find(U32(10002)));
   }
 
-  // A response is a 24-byte frame; a package of an unknown type is refused.
   IpcPackageManager queue;
-  KavoRespIpcPackage response;
-  response.reqId = 7;
-  response.result = -1;
-  queue.appendRespIpcPackage(&response);
-  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));
-  EXPECT_EQ(U32(20) + U32(1) + U32(12) + U32(7) + U32(0xFFFFFFFF) + U32(0), Drain(&queue, false));
-
+  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));  // no such type: nothing queued
   // A send buffer takes a package of 32764 bytes exactly; one of 32765 can
   // never be sent and goes on the record; one byte short of room, the next
   // package waits for a drained buffer.
@@ -168,9 +136,11 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   for (uint32_t i = 0; i < 15003; ++i) events.push_back(U32(i) + std::string(i % 50, char(i)));
   events[12000] = big;  // bigger than any block, and than any send buffer
   std::vector<KavoIpcBytes> bodies;
-  for (const std::string& e : events) bodies.push_back({e.data(), uint32_t(e.size())});
   const size_t trims = log.Count("[AppendSecondIpc]"), records = Occurrences(RecordedIpcErrors(), "ErrorCode: ");
-  for (std::string& e : events) oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
+  for (std::string& e : events) {
+    bodies.push_back({e.data(), uint32_t(e.size())});
+    oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
+  }
   for (size_t at = 0; at < bodies.size(); at += 7) {
     EXPECT_TRUE(batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at)));
   }
@@ -178,8 +148,8 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   const std::string expected = Drain(&oneByOne, false);
   EXPECT_TRUE(expected == Drain(&batched, true));
   EXPECT_EQ(records + 6, Occurrences(RecordedIpcErrors(), "ErrorCode: "));  // 4 trims, 2 drops
-  EXPECT_EQ(PackageFrame(3, events[10002]), expected.substr(0, PackageFrame(3, events[10002]).size()));
-  EXPECT_EQ(PackageFrame(3, events[15002]), expected.substr(expected.size() - PackageFrame(3, events[15002]).size()));
+  EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));  // the newest 5001, one of them dropped
+  EXPECT_EQ(PackageFrame(3, events.back()), expected.substr(expected.size() - PackageFrame(3, events.back()).size()));
 }
 
 TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
@@ -191,7 +161,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     CPU_ZERO(&cpus);
     CPU_SET(0, &cpus);
     std::mutex mutex;
-    std::vector<uint32_t> writes, reads;
+    std::vector<uint32_t> calls;  // the events each callback was called with
     std::atomic<int> rounds{3};
     std::atomic<uint64_t> queued{0}, written{0};
     EpollManager loop(10, 32, nullptr, "IpcFrameworkTest", cpus, -1);
@@ -200,20 +170,21 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     // Three rounds of data, then nothing left: write interest is dropped, so
     // the next readable event comes without EPOLLOUT.
     EpollCallback callbacks;
-    callbacks.writeCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); writes.push_back(e.events); return --rounds > 0 ? 0 : -3; };
-    callbacks.readCallback = [&](epoll_event e) { char c; (void)!read(pair[0], &c, 1); std::lock_guard<std::mutex> g(mutex); reads.push_back(e.events); return 0; };
+    callbacks.writeCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); calls.push_back(e.events); return --rounds > 0 ? 0 : -3; };
+    callbacks.readCallback = [&](epoll_event e) {
+      char c;
+      std::lock_guard<std::mutex> g(mutex);
+      calls.push_back(e.events);
+      return int(read(pair[0], &c, 1)) - 1;
+    };
     ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
     loop.start();
     ASSERT_TRUE(loop.notifyWriteEventReady(pair[0]));
-    auto seen = [&](size_t w, size_t r) { return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return writes.size() >= w && reads.size() >= r; }); };
-    ASSERT_TRUE(seen(3, 0));
+    auto called = [&](size_t n) { return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return calls.size() >= n; }); };
+    ASSERT_TRUE(called(3));
     ASSERT_EQ(1, write(pair[1], "x", 1));
-    ASSERT_TRUE(seen(3, 1));
-    {
-      std::lock_guard<std::mutex> g(mutex);
-      EXPECT_EQ(std::vector<uint32_t>(3, EPOLLOUT), writes);
-      EXPECT_EQ(std::vector<uint32_t>{EPOLLIN}, reads);
-    }
+    ASSERT_TRUE(called(4));
+    EXPECT_EQ((std::vector<uint32_t>{EPOLLOUT, EPOLLOUT, EPOLLOUT, EPOLLIN}), calls);
     // Many producers asking for every event they queue, against a loop that
     // drops the interest whenever it finds nothing: no event is left unwritten.
     callbacks.readCallback = nullptr;

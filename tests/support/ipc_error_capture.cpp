@@ -6,19 +6,15 @@
 
 namespace kavo::test {
 
-namespace {
+static std::mutex gLock;
+static std::string gRecords;
 
-std::mutex gLock;
-std::string gRecords;
-
-void Record(int errorCode, const std::string& error) {
-  std::lock_guard<std::mutex> guard(gLock);
-  gRecords.insert(0, "----------\nErrorCode: " + std::to_string(errorCode) + "\nError: " + error + "\n");
+void CaptureIpcErrors() {
+  SetIpcErrorRecorder([](int errorCode, const std::string& error) {
+    std::lock_guard<std::mutex> guard(gLock);
+    gRecords.insert(0, "----------\nErrorCode: " + std::to_string(errorCode) + "\nError: " + error + "\n");
+  });
 }
-
-}  // namespace
-
-void CaptureIpcErrors() { SetIpcErrorRecorder(&Record); }
 
 std::string RecordedIpcErrors() {
   std::lock_guard<std::mutex> guard(gLock);

@@ -32,8 +32,8 @@ std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType);
 std::string PackageFrame(uint32_t type, const std::string& body);
 // Any bytes behind a first-level size.
 std::string RawFrame(const std::string& body);
-// Takes the whole frames off the front of |bytes| (a partial one stays).
-std::vector<Frame> ParseFrames(std::string* bytes);
+// Takes the whole frames, at most |most|, off the front of |bytes| (a partial one stays).
+std::vector<Frame> ParseFrames(std::string* bytes, size_t most = SIZE_MAX);
 
 class RawClient {
  public:
@@ -57,8 +57,6 @@ class RawClient {
   int fd() const { return fd_; }
 
  private:
-  bool Fill(std::chrono::steady_clock::time_point deadline);
-
   int fd_ = -1;
   std::string pending_;
 };
