@@ -41,44 +41,42 @@ struct Outcome {
 };
 
 // A peer of |who|'s identity that subscribes to process exits (or sends
-// |frame| instead), forks a child and reads for up to 3 s.
+// |frame| instead), forks a child and reads for up to 3 s; what it met.
 Outcome Peer(const Identity& who, const std::string& frame = "") {
-  int report[2];
-  if (pipe(report) != 0) return {};
-  pid_t peer = fork();
-  if (peer == 0) {
-    Outcome outcome;
-    if (setgroups(who.groups.size(), who.groups.data()) != 0 || setresgid(who.gid, who.gid, who.gid) != 0 ||
-        setresuid(who.uid, who.uid, who.uid) != 0) {
-      _exit(1);
-    }
-    kavo::test::RawClient client;
-    // A refused peer may find its connection closed before it sends.
-    const bool sent = client.Connect() && client.Send(frame.empty() ? kavo::test::RequestFrame(1, 51, KAVO_EVENT_PROCESS_EXITED) : frame);
-    auto response = sent ? client.ReadFrame(3s) : std::nullopt;
-    outcome.answered = response && kavo::test::AsResponse(*response) && kavo::test::AsResponse(*response)->result == 0;
-    if (outcome.answered) {
-      const pid_t child = fork();
-      if (child == 0) _exit(0);
-      waitpid(child, nullptr, 0);
-      for (auto event = client.ReadEvent(3s); event && !outcome.sawItsChild; event = client.ReadEvent(3s)) {
-        outcome.sawItsChild = event->size() >= 8 && memcmp(event->data() + 4, &child, 4) == 0;
-      }
-    } else {
-      // Closed with the request unread, the connection reports a reset (once), then its end.
-      char byte;
-      ssize_t n = recv(client.fd(), &byte, 1, MSG_DONTWAIT);
-      outcome.closedUnread = !sent || n == 0 || (n < 0 && errno == ECONNRESET);
-    }
-    (void)!write(report[1], &outcome, sizeof(outcome));
-    _exit(0);
-  }
-  close(report[1]);
   Outcome outcome;
-  EXPECT_EQ(ssize_t(sizeof(outcome)), read(report[0], &outcome, sizeof(outcome)));
-  close(report[0]);
-  waitpid(peer, nullptr, 0);
-  return outcome;
+  int report[2];
+  if (pipe(report) != 0) return outcome;
+  if (pid_t peer = fork(); peer != 0) {
+    close(report[1]);
+    EXPECT_EQ(ssize_t(sizeof(outcome)), read(report[0], &outcome, sizeof(outcome)));
+    close(report[0]);
+    waitpid(peer, nullptr, 0);
+    return outcome;
+  }
+  if (setgroups(who.groups.size(), who.groups.data()) != 0 || setresgid(who.gid, who.gid, who.gid) != 0 ||
+      setresuid(who.uid, who.uid, who.uid) != 0) {
+    _exit(1);
+  }
+  kavo::test::RawClient client;
+  // A refused peer may find its connection closed before it sends.
+  const bool sent = client.Connect() && client.Send(frame.empty() ? kavo::test::RequestFrame(1, 51, KAVO_EVENT_PROCESS_EXITED) : frame);
+  auto response = sent ? client.ReadFrame(3s) : std::nullopt;
+  outcome.answered = response && kavo::test::AsResponse(*response) && kavo::test::AsResponse(*response)->result == 0;
+  if (outcome.answered) {
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    waitpid(child, nullptr, 0);
+    for (auto event = client.ReadEvent(3s); event && !outcome.sawItsChild; event = client.ReadEvent(3s)) {
+      outcome.sawItsChild = event->size() >= 8 && memcmp(event->data() + 4, &child, 4) == 0;
+    }
+  } else {
+    // Closed with the request unread, the connection reports a reset (once), then its end.
+    char byte;
+    ssize_t n = recv(client.fd(), &byte, 1, MSG_DONTWAIT);
+    outcome.closedUnread = !sent || n == 0 || (n < 0 && errno == ECONNRESET);
+  }
+  (void)!write(report[1], &outcome, sizeof(outcome));
+  _exit(0);
 }
 
 size_t Occurrences(const std::string& text, const std::string& needle) {

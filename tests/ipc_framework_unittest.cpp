@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -23,17 +22,14 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using kavo::test::PackageFrame;
-using kavo::test::RecordedIpcErrors;
 using kavo::test::U32;
 
 [[maybe_unused]] const bool kCapturing = (kavo::test::CaptureIpcErrors(), true);
 
-size_t Occurrences(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
+// Whether the newest loss on record is |code| with a text that begins with |text|.
+bool NewestLoss(int code, const std::string& text) {
+  return kavo::test::RecordedIpcErrors().find("----------\nErrorCode: " + std::to_string(code) + "\nError: " + text) == 0;
 }
 
 TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
@@ -41,8 +37,8 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
   BufferState buffer;
   buffer.buffer.resize(32768);
   unsigned header = 0, size = 0;
-  // By announced size: whole once all of it is there (a header alone for an
-  // empty package, the whole buffer for the largest), or damaged at once.
+  // By announced size: whole once all of it is there (the header alone for
+  // an empty package, the whole buffer for the largest), or damaged at once.
   for (uint32_t announced : {0u, 32763u, 32764u, 32765u, 0xFFFFFFFDu}) {
     SCOPED_TRACE(announced);
     buffer.resetCursors();
@@ -52,15 +48,14 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
       EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
       buffer.bufferDataCursor = 4 + announced;
       EXPECT_TRUE(CheckIpcPackageComplete(&buffer, &header, &size));
-      EXPECT_EQ(announced, size);
-      EXPECT_EQ(4u, header);
+      EXPECT_EQ(std::make_pair(4u, announced), std::make_pair(header, size));
       continue;
     }
     EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
     EXPECT_EQ(0u, buffer.bufferDataCursor);  // the connection's bytes are gone, not the connection
-    EXPECT_EQ(0u, RecordedIpcErrors().find(
-        "----------\nErrorCode: 2\nError: Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) +
-        ", cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: " + Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4)));
+    EXPECT_TRUE(NewestLoss(2, "Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) +
+                                  ", cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: " +
+                                  Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4) + "\n"));
   }
   EXPECT_EQ(2u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 }
@@ -83,8 +78,7 @@ std::string Drain(IpcPackageManager* queue, bool inOneGo) {
 TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   kavo::test::LogCapture log;
   // Every way of queueing, with the error kind and log line it reports.
-  using Append = std::function<void(IpcPackageManager*, uint32_t)>;
-  const std::vector<std::tuple<int, std::string, Append>> ways = {
+  const std::vector<std::tuple<int, std::string, std::function<void(IpcPackageManager*, uint32_t)>>> ways = {
       {3, "[BuildAndAppendIpc]", [](IpcPackageManager* q, uint32_t i) { q->buildAndAppendIpcPackage(reinterpret_cast<char*>(&i), 4); }},
       {4, "[AppendSecondIpc]", [](IpcPackageManager* q, uint32_t i) { q->buildAndAppendSecondIpcPackage(3, reinterpret_cast<char*>(&i), 4); }},
       {5, "[AppendReqIpc]", [](IpcPackageManager* q, uint32_t i) { KavoReqIpcPackage r{i, 51, 0, nullptr}; q->appendReqIpcPackage(&r); }},
@@ -94,67 +88,63 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
     IpcPackageManager queue;
     for (uint32_t i = 1; i <= 10002; ++i) {
       append(&queue, i);
-      // Up to 10001 queued nothing is cut; the append that finds 10001 cuts the queue back to its 5000 newest.
+      // Up to 10001 queued nothing is cut; the append that finds 10001 cuts the queue to its 5000 newest.
       EXPECT_TRUE(i < 10000 || queue.getIpcPackageCount() == (i <= 10001 ? i : 5001u)) << i << ": " << queue.getIpcPackageCount();
     }
     EXPECT_EQ(1u, log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR));
-    EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: " + std::to_string(code) + "\nError: B&A Ipc Package queue full 10000\n"));
+    EXPECT_TRUE(NewestLoss(code, "B&A Ipc Package queue full 10000\n"));
     const std::string sent = Drain(&queue, false);
-    EXPECT_EQ(std::string::npos, sent.find(U32(5001)));
-    EXPECT_NE(std::string::npos, sent.find(U32(5002)));
-    EXPECT_NE(std::string::npos, sent.find(U32(10002)));
+    EXPECT_TRUE(sent.find(U32(5001)) == std::string::npos && sent.find(U32(5002)) < sent.find(U32(10002)));
   }
 
-  IpcPackageManager queue;
-  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));  // no such type: nothing queued
   // A send buffer takes a package of 32764 bytes exactly; one of 32765 can
   // never be sent and goes on the record; one byte short of room, the next
   // package waits for a drained buffer.
+  IpcPackageManager queue;
+  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));  // no such type: nothing queued
   std::string big(32765, 'b');
   queue.buildAndAppendIpcPackage(&big[0], 32764);
   queue.buildAndAppendIpcPackage(&big[0], 32765);
   queue.buildAndAppendSecondIpcPackage(3, &big[0], 10);
   BufferState buffer;
   buffer.buffer.resize(32768);
-  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
-  EXPECT_EQ(32768u, buffer.bufferDataCursor);
+  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer) && buffer.bufferDataCursor == 32768);
   buffer.resetCursors();
   EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
-  EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: 8\nError: fillNextIpcPackageToBuffer ipc package damaged\n"));
+  EXPECT_TRUE(NewestLoss(8, "fillNextIpcPackageToBuffer ipc package damaged\n"));
   buffer.bufferDataCursor = 32768 - 21;
   EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
   buffer.bufferDataCursor = 32768 - 22;
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
   queue.buildAndAppendIpcPackage(&big[0], 32765);
   EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer));
-  EXPECT_EQ(0u, RecordedIpcErrors().find("----------\nErrorCode: 7\nError: fillIpcPackageToBuffer ipc package damaged\n"));
+  EXPECT_TRUE(NewestLoss(7, "fillIpcPackageToBuffer ipc package damaged\n"));
 
   // Events queued in batches and packed in one go reach the client as the
   // same bytes, trims and records as one at a time, across the queue's blocks.
   IpcPackageManager oneByOne, batched;
   std::vector<std::string> events;
-  for (uint32_t i = 0; i < 15003; ++i) events.push_back(U32(i) + std::string(i % 50, char(i)));
-  events[12000] = big;  // bigger than any block, and than any send buffer
   std::vector<KavoIpcBytes> bodies;
-  const size_t trims = log.Count("[AppendSecondIpc]"), records = Occurrences(RecordedIpcErrors(), "ErrorCode: ");
+  for (uint32_t i = 0; i < 15003; ++i) events.push_back(i == 12000 ? big : U32(i) + std::string(i % 50, char(i)));
+  const size_t trims = log.Count("[AppendSecondIpc]"), records = kavo::test::RecordedIpcErrors().size();
   for (std::string& e : events) {
     bodies.push_back({e.data(), uint32_t(e.size())});
     oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
   }
-  for (size_t at = 0; at < bodies.size(); at += 7) {
-    EXPECT_TRUE(batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at)));
-  }
-  EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));
-  const std::string expected = Drain(&oneByOne, false);
+  const std::string expected = Drain(&oneByOne, false), lost = kavo::test::RecordedIpcErrors();
+  for (size_t at = 0; at < bodies.size(); at += 7) batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at));
   EXPECT_TRUE(expected == Drain(&batched, true));
-  EXPECT_EQ(records + 6, Occurrences(RecordedIpcErrors(), "ErrorCode: "));  // 4 trims, 2 drops
-  EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));  // the newest 5001, one of them dropped
-  EXPECT_EQ(PackageFrame(3, events.back()), expected.substr(expected.size() - PackageFrame(3, events.back()).size()));
+  EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));  // two trims each
+  EXPECT_EQ(lost.substr(0, lost.size() - records), kavo::test::RecordedIpcErrors().substr(0, lost.size() - records));
+  // The newest 5001 survive; the one too big for any send buffer is dropped.
+  EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));
+  EXPECT_EQ(expected.size() - 18, expected.find(PackageFrame(3, events.back())));
 }
 
 TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
   kavo::test::RunInNamespace([] {
     kavo::test::LogCapture log;
+    std::string scratch(1 << 20, 's');
     int pair[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair));
     cpu_set_t cpus;
@@ -171,12 +161,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     // the next readable event comes without EPOLLOUT.
     EpollCallback callbacks;
     callbacks.writeCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); calls.push_back(e.events); return --rounds > 0 ? 0 : -3; };
-    callbacks.readCallback = [&](epoll_event e) {
-      char c;
-      std::lock_guard<std::mutex> g(mutex);
-      calls.push_back(e.events);
-      return int(read(pair[0], &c, 1)) - 1;
-    };
+    callbacks.readCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); calls.push_back(e.events); return int(read(pair[0], &scratch[0], 1)) - 1; };
     ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
     loop.start();
     ASSERT_TRUE(loop.notifyWriteEventReady(pair[0]));
@@ -185,12 +170,11 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     ASSERT_EQ(1, write(pair[1], "x", 1));
     ASSERT_TRUE(called(4));
     EXPECT_EQ((std::vector<uint32_t>{EPOLLOUT, EPOLLOUT, EPOLLOUT, EPOLLIN}), calls);
-    // Many producers asking for every event they queue, against a loop that
-    // drops the interest whenever it finds nothing: no event is left unwritten.
-    callbacks.readCallback = nullptr;
+    // Producers asking for every event they queue, against a loop that drops
+    // the interest whenever it finds nothing: no event is left unwritten.
+    callbacks = EpollCallback();
     callbacks.writeCallback = [&](epoll_event) { uint64_t n = queued.exchange(0); written += n; return n != 0 ? 0 : -3; };
-    ASSERT_TRUE(loop.delMonitorFd(pair[0]));
-    ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
+    ASSERT_TRUE(loop.delMonitorFd(pair[0]) && loop.addMonitorFd(pair[0], callbacks));
     std::vector<std::thread> producers;
     for (int t = 0; t < 3; ++t) {
       producers.emplace_back([&] {
@@ -198,14 +182,13 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
       });
     }
     for (std::thread& producer : producers) producer.join();
-    EXPECT_TRUE(kavo::test::WaitUntil([&] { return written == 150000; }, 10s)) << written;
+    EXPECT_TRUE(kavo::test::WaitUntil([&] { return written == 150000; }, std::chrono::seconds(10))) << written;
     loop.stop();
 
     // A peer that reads nothing: ten yields, one more try after a second's
     // pause, then the unsent bytes are dropped and on the record.
     UnixIpcManager endpoint(true, 32768, "kavo_unused", IpcHandlerState(), "IpcFrameworkTest", cpus, 10, 32);
-    std::string fill(4096, 'f');
-    while (send(pair[0], fill.data(), fill.size(), MSG_DONTWAIT) > 0) {
+    while (send(pair[0], scratch.data(), 4096, MSG_DONTWAIT) > 0) {
     }
     BufferState buffer;
     buffer.buffer.resize(32768);
@@ -214,17 +197,13 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     EXPECT_TRUE(log.Contains("[UnixIpcManager] Socket buffer full! tryCount: 11", ANDROID_LOG_WARN));
     EXPECT_FALSE(log.Contains("tryCount: 12"));
     EXPECT_TRUE(log.Contains("[UnixIpcManager] Clear send buffer"));
-    EXPECT_EQ(0u, RecordedIpcErrors().find(
-        "----------\nErrorCode: 1\nError: Send data 10 times failed. bufferCursor: 0, bufferDataCursor: 32768\n"));
-    EXPECT_EQ(0u, buffer.bufferDataCursor);
+    EXPECT_TRUE(NewestLoss(1, "Send data 10 times failed. bufferCursor: 0, bufferDataCursor: 32768\n"));
     // Once the peer reads again, what is sent next reaches it.
-    std::string drained(1 << 20, '\0');
-    while (recv(pair[1], &drained[0], drained.size(), MSG_DONTWAIT) > 0) {
+    while (recv(pair[1], &scratch[0], scratch.size(), MSG_DONTWAIT) > 0) {
     }
-    ASSERT_TRUE(buffer.write("alive", 5));
+    ASSERT_TRUE(buffer.bufferDataCursor == 0 && buffer.write("alive", 5));
     EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer));
-    EXPECT_EQ(5, recv(pair[1], &drained[0], drained.size(), 0));
-    EXPECT_EQ("alive", drained.substr(0, 5));
+    EXPECT_EQ(5, recv(pair[1], &scratch[0], scratch.size(), 0));
     EXPECT_FALSE(kavo::test::PathExists("/data/kavolog"));
     for (int fd : pair) close(fd);
   });
