@@ -123,14 +123,4 @@ TEST(AccessControl, OnlyTrustedPeersAreServed) {
   });
 }
 
-TEST(AccessControl, WithoutAPolicyEveryPeerIsServed) {
-  kavo::test::RunInNamespace([] {
-    kavo::test::KavoSystem system({{}, {"--allow-all"}, {}});
-    std::string why;
-    if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
-    EXPECT_TRUE(Peer({kNobody, kNobody, {}}).sawItsChild);
-    EXPECT_EQ(0, system.Stop());
-  });
-}
-
 }  // namespace

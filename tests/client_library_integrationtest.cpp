@@ -94,14 +94,13 @@ TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
     const auto* exit = First<kavo_exit_event>(events);
     const auto* exited = First<kavo_process_exited_event>(events);
     ASSERT_TRUE(fork && created && exit && exited);
-    EXPECT_EQ(std::make_tuple(getpid(), int32_t(getuid()), uint32_t(KAVO_TASK_PROCESS)), std::make_tuple(fork->ppid, fork->uid, fork->kind));
-    EXPECT_EQ(comm, kavobpf::Text(fork->comm));  // the name before the rename
-    EXPECT_EQ(getpid(), created->ppid);
-    EXPECT_EQ(comm, kavobpf::Text(created->comm));
-    EXPECT_EQ(uint32_t(KAVO_TASK_PROCESS), exit->kind);
-    EXPECT_EQ("kavo-typed", kavobpf::Text(exit->comm));
-    EXPECT_GT(exit->header.time_ns, fork->header.time_ns);
+    // Forked under this process's name, renamed before it ended.
+    EXPECT_EQ(std::make_tuple(getpid(), int32_t(getuid()), uint32_t(KAVO_TASK_PROCESS), comm),
+              std::make_tuple(fork->ppid, fork->uid, fork->kind, std::string(kavobpf::Text(fork->comm))));
+    EXPECT_EQ(std::make_pair(getpid(), comm), std::make_pair(created->ppid, std::string(kavobpf::Text(created->comm))));
+    EXPECT_EQ(std::make_pair(uint32_t(KAVO_TASK_PROCESS), std::string("kavo-typed")), std::make_pair(exit->kind, std::string(kavobpf::Text(exit->comm))));
     EXPECT_EQ("kavo-typed", kavobpf::Text(exited->comm));
+    EXPECT_GT(exit->header.time_ns, fork->header.time_ns);
     // The largest anonymous size reported: the 8 MiB touched, in bytes, plus
     // what the child shares with this process.
     int64_t largestAnon = 0;
@@ -111,19 +110,6 @@ TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
     EXPECT_GE(largestAnon, int64_t(kTouched));
     EXPECT_LE(largestAnon, int64_t(kTouched) * 4);
 
-    // Unsubscribed, the exits stop: the next child's exit is not reported
-    // before the creation of the one after it.
-    ASSERT_EQ(kavobpf::kAccepted, client.Unsubscribe(KAVO_EVENT_PROCESS_EXITED));
-    const pid_t quiet = ForkAndReap(), marker = ForkAndReap();
-    bool markerSeen = false;
-    for (auto event = client.NextEvent(10s); event && !markerSeen; event = client.NextEvent(10s)) {
-      if (auto* gone = event->as<kavo_process_exited_event>()) {
-        EXPECT_NE(quiet, gone->pid);
-      }
-      auto* made = event->as<kavo_process_created_event>();
-      markerSeen = made && made->pid == marker;
-    }
-    EXPECT_TRUE(markerSeen);
     client.Close();
     EXPECT_EQ(kavobpf::kClosed, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
     EXPECT_EQ(0, system.Stop());
