@@ -30,9 +30,14 @@ using namespace std::chrono_literals;
 using kavobpf::Client;
 using kavobpf::Event;
 
-pid_t ForkAndReap() {
+// A child that takes |name|, touches |touched| bytes of anonymous memory and ends; reaped.
+pid_t ForkAndReap(const char* name, size_t touched = 0) {
   pid_t child = fork();
-  if (child == 0) _exit(0);
+  if (child == 0) {
+    prctl(PR_SET_NAME, name);
+    if (touched != 0) memset(mmap(nullptr, touched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), 1, touched);
+    _exit(0);
+  }
   waitpid(child, nullptr, 0);
   return child;
 }
@@ -83,15 +88,8 @@ TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
     EXPECT_EQ(kavobpf::kRefused, client.Request(53, &exitedType, sizeof(exitedType)));
     EXPECT_EQ(kavobpf::kAccepted, client.Subscribe(12345));
 
-    // A child that touches 8 MiB of anonymous memory under a name of its own.
     constexpr size_t kTouched = 8 << 20;
-    pid_t child = fork();
-    if (child == 0) {
-      prctl(PR_SET_NAME, "kavo-typed");
-      memset(mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), 1, kTouched);
-      _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+    const pid_t child = ForkAndReap("kavo-typed", kTouched);
     std::vector<Event> events = EventsOfUntil<kavo_process_exited_event>(client, child);
     std::string comm = kavo::test::ReadFile("/proc/self/comm");
     comm.pop_back();
@@ -142,14 +140,14 @@ TEST(ClientLibrary, FollowsTheServiceThroughARestart) {
     auto exitSeen = [&](pid_t pid) {
       return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return std::count(exits.begin(), exits.end(), pid) == 1; }, 10s);
     };
-    EXPECT_TRUE(exitSeen(ForkAndReap()));
+    EXPECT_TRUE(exitSeen(ForkAndReap("kavo-restart")));
     system.Kill(SIGKILL);
     ASSERT_TRUE(system.StartDaemon(&why)) << why;
     // Back within the 5-second retry period, subscribed again by itself. (A
     // dying daemon's socket may still take a connection for an instant; that
     // one is lost again at once and reported so.)
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return client.connected() && client.stats().reconnections > 0; }, 8s));
-    EXPECT_TRUE(exitSeen(ForkAndReap()));
+    EXPECT_TRUE(exitSeen(ForkAndReap("kavo-restart")));
     client.Close();
     ASSERT_GE(changes.size(), 3u);
     for (size_t i = 0; i < changes.size(); ++i) {
@@ -195,12 +193,7 @@ TEST(Install, TheExampleBuildsAgainstThePackageAndSeesProcesses) {
     if (!system.Start(&why)) KAVO_KERNEL_SKIP(why);
     kavo::test::ChildProcess byPkgConfig({root + "/watch_pkgconfig", "30"}), byCMake({root + "/build/watch_processes", "30"});
     for (auto* watcher : {&byPkgConfig, &byCMake}) ASSERT_TRUE(watcher->WaitForOutput("watching\n")) << watcher->Output();
-    pid_t child = fork();
-    if (child == 0) {
-      prctl(PR_SET_NAME, "kavo-installed");
-      _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+    const pid_t child = ForkAndReap("kavo-installed");
     for (auto* watcher : {&byPkgConfig, &byCMake}) {
       EXPECT_TRUE(watcher->WaitForOutput("created pid=" + std::to_string(child) + " ppid=" + std::to_string(getpid())));
       EXPECT_TRUE(watcher->WaitForOutput("exited pid=" + std::to_string(child) + " comm=kavo-installed\n")) << watcher->Output();
