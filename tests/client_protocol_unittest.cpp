@@ -55,8 +55,7 @@ void ExpectAnswers(RawClient& client, std::vector<std::pair<uint32_t, int32_t>> 
 TEST(ClientService, SubscribersGetTheirEventsUntilTheyUnsubscribeOrLeave) {
   kavo::test::RunInNamespace([] {
     StartService();
-    KavoBpfService* service = KavoBpfService::GetInstance();
-    auto clients = [service] { return service->getClientQueueLengths().size(); };
+    auto clients = [] { return KavoBpfService::GetInstance()->getClientQueueLengths().size(); };
     {  // one leaves without a word, one in the middle of a request
       RawClient idle, halfway;
       ASSERT_TRUE(idle.Connect() && halfway.Connect());

@@ -79,11 +79,7 @@ TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
     // A request made before the connection goes out once it is there; a
     // blocking one from the client's own thread would wait for itself.
     std::atomic<int> early{1}, inCallback{1};
-    Client* self = nullptr;
-    kavobpf::ClientCallbacks callbacks;
-    callbacks.onConnection = [&](kavobpf::ConnectionChange) { inCallback = self->Subscribe(KAVO_EVENT_PROCESS_CREATED); };
-    Client client({}, callbacks);
-    self = &client;
+    Client client({}, {{}, [&](kavobpf::ConnectionChange) { inCallback = client.Subscribe(KAVO_EVENT_PROCESS_CREATED); }});
     client.SubscribeAsync(KAVO_EVENT_PROCESS_EXITED, [&early](int result) { early = result; });
     ASSERT_TRUE(client.Connect(5s));
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return early == kavobpf::kAccepted; }));
@@ -138,13 +134,11 @@ TEST(ClientLibrary, FollowsTheServiceThroughARestart) {
     std::mutex mutex;
     std::vector<kavobpf::ConnectionChange> changes;
     std::vector<int32_t> exits;
-    kavobpf::ClientCallbacks callbacks;
-    callbacks.onConnection = [&](kavobpf::ConnectionChange change) { std::lock_guard<std::mutex> g(mutex); changes.push_back(change); };
-    callbacks.onEvent = [&](const Event& event) {
+    auto onEvent = [&](const Event& event) {
       std::lock_guard<std::mutex> g(mutex);
       if (auto* exited = event.as<kavo_process_exited_event>()) exits.push_back(exited->pid);
     };
-    Client client({}, callbacks);
+    Client client({}, {onEvent, [&](kavobpf::ConnectionChange change) { std::lock_guard<std::mutex> g(mutex); changes.push_back(change); }});
     ASSERT_TRUE(client.Connect(5s));
     ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(KAVO_EVENT_PROCESS_EXITED));
     // Children forked until the exit of one reaches the client.
@@ -181,8 +175,7 @@ void Shell(const std::string& command) {
 }
 
 TEST(Install, TheExampleBuildsAgainstThePackageAndSeesProcesses) {
-  kavo::test::NamespaceOptions options;
-  options.timeoutSeconds = 280;
+  kavo::test::NamespaceOptions options{false, 280};
   kavo::test::RunInNamespace([] {
     char dir[] = "/tmp/kavo-install-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir));
@@ -256,9 +249,7 @@ Outcome Peer(const Identity& who, const std::string& frame = "") {
   auto response = sent ? client.ReadFrame(3s) : std::nullopt;
   outcome.answered = response && kavo::test::AsResponse(*response) && kavo::test::AsResponse(*response)->result == 0;
   if (outcome.answered) {
-    const pid_t child = fork();
-    if (child == 0) _exit(0);
-    waitpid(child, nullptr, 0);
+    const pid_t child = ForkAndReap("kavo-peer");
     for (auto event = client.ReadEvent(3s); event && !outcome.sawItsChild; event = client.ReadEvent(3s)) {
       outcome.sawItsChild = event->size() >= 8 && memcmp(event->data() + 4, &child, 4) == 0;
     }

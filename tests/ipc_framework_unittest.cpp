@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <mutex>
 
 #include <gtest/gtest.h>
 
@@ -25,21 +24,16 @@ namespace {
 using kavo::test::PackageFrame;
 using kavo::test::U32;
 
-// What the framework loses, recorded as its user would, newest first.
-std::mutex gLossesLock;
+// What the framework loses, recorded as its user would, newest first. Every
+// loss in these tests is met on the test's own thread.
 std::string gLosses;
 [[maybe_unused]] const IpcErrorRecorder kRecorder = SetIpcErrorRecorder([](int code, const std::string& error) {
-  std::lock_guard<std::mutex> guard(gLossesLock);
   gLosses.insert(0, "----------\nErrorCode: " + std::to_string(code) + "\nError: " + error + "\n");
 });
-std::string Losses() {
-  std::lock_guard<std::mutex> guard(gLossesLock);
-  return gLosses;
-}
 
 // Whether the newest loss on record is |code| with a text that begins with |text|.
 bool NewestLoss(int code, const std::string& text) {
-  return Losses().find("----------\nErrorCode: " + std::to_string(code) + "\nError: " + text) == 0;
+  return gLosses.find("----------\nErrorCode: " + std::to_string(code) + "\nError: " + text) == 0;
 }
 
 TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
@@ -136,16 +130,16 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   std::vector<std::string> events;
   std::vector<KavoIpcBytes> bodies;
   for (uint32_t i = 0; i < 15003; ++i) events.push_back(i == 12000 ? big : U32(i) + std::string(i % 50, char(i)));
-  const size_t trims = log.Count("[AppendSecondIpc]"), records = Losses().size();
+  const size_t trims = log.Count("[AppendSecondIpc]"), records = gLosses.size();
   for (std::string& e : events) {
     bodies.push_back({e.data(), uint32_t(e.size())});
     oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
   }
-  const std::string expected = Drain(&oneByOne, false), lost = Losses();
+  const std::string expected = Drain(&oneByOne, false), lost = gLosses;
   for (size_t at = 0; at < bodies.size(); at += 7) batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at));
   EXPECT_TRUE(expected == Drain(&batched, true));
   EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));  // two trims each
-  EXPECT_EQ(lost.substr(0, lost.size() - records), Losses().substr(0, lost.size() - records));
+  EXPECT_EQ(lost.substr(0, lost.size() - records), gLosses.substr(0, lost.size() - records));
   // The newest 5001 survive; the one too big for any send buffer is dropped.
   EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));
   EXPECT_EQ(expected.size() - 18, expected.find(PackageFrame(3, events.back())));

@@ -11,9 +11,7 @@ namespace {
 std::atomic<LogCapture*> gActive{nullptr};
 }  // namespace
 
-LogCapture::LogCapture() {
-  const char* quiet = getenv("KAVO_TEST_QUIET");
-  echo_ = quiet == nullptr || strcmp(quiet, "1") != 0;
+LogCapture::LogCapture() : echo_(getenv("KAVO_TEST_QUIET") == nullptr || strcmp(getenv("KAVO_TEST_QUIET"), "1") != 0) {
   gActive = this;
   __android_log_set_logger(&LogCapture::Logger);
 }

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <thread>
 
@@ -40,19 +39,17 @@ std::vector<Frame> ParseFrames(std::string* bytes, size_t most) {
   return frames;
 }
 
-RawClient::~RawClient() { Close(); }
-
 bool RawClient::Connect(const std::string& name, std::chrono::milliseconds timeout) {
   for (auto deadline = std::chrono::steady_clock::now() + timeout;; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-    fd_ = socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    if (fd_ >= 0) return true;
+    fd_.reset(socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
+    if (fd_.ok()) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
   }
 }
 
 bool RawClient::Send(const std::string& bytes) {
   for (size_t sent = 0; sent < bytes.size();) {
-    ssize_t n = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    ssize_t n = send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0 && errno != EINTR) return false;
     sent += n > 0 ? static_cast<size_t>(n) : 0;
   }
@@ -66,10 +63,10 @@ std::optional<Frame> RawClient::ReadFrame(std::chrono::milliseconds timeout) {
     std::vector<Frame> one = ParseFrames(&pending_, 1);
     if (!one.empty()) return one.front();
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    struct pollfd pfd = {fd_, POLLIN, 0};
+    struct pollfd pfd = {fd_.get(), POLLIN, 0};
     char chunk[65536];
     if (left.count() < 0 || poll(&pfd, 1, static_cast<int>(left.count())) <= 0) return std::nullopt;
-    ssize_t n = recv(fd_, chunk, sizeof(chunk), 0);
+    ssize_t n = recv(fd_.get(), chunk, sizeof(chunk), 0);
     if (n <= 0) return std::nullopt;
     pending_.append(chunk, static_cast<size_t>(n));
   }
@@ -84,12 +81,9 @@ std::optional<std::string> RawClient::ReadEvent(std::chrono::milliseconds timeou
   return std::nullopt;
 }
 
-void RawClient::SetReceiveBuffer(int bytes) { setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
+void RawClient::SetReceiveBuffer(int bytes) { setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
 
-void RawClient::Close() {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
-}
+void RawClient::Close() { fd_.reset(); }
 
 std::optional<Response> AsResponse(const Frame& frame) {
   if (frame.type != 1 || frame.body.size() < sizeof(Response)) return std::nullopt;

@@ -10,6 +10,8 @@
 
 #include <stdint.h>
 
+#include <android-base/unique_fd.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -37,11 +39,6 @@ std::vector<Frame> ParseFrames(std::string* bytes, size_t most = SIZE_MAX);
 
 class RawClient {
  public:
-  RawClient() = default;
-  ~RawClient();
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
-
   // Connects to the service socket (abstract namespace), retrying until
   // |timeout| for a service that is still starting.
   bool Connect(const std::string& name = kServiceSocket,
@@ -54,10 +51,10 @@ class RawClient {
   // Shrinks the socket's receive buffer (before reading anything).
   void SetReceiveBuffer(int bytes);
   void Close();
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
  private:
-  int fd_ = -1;
+  android::base::unique_fd fd_;
   std::string pending_;
 };
 
