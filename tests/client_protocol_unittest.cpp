@@ -8,8 +8,6 @@
 
 #include <android-base/properties.h>
 
-#include <random>
-
 #include <gtest/gtest.h>
 
 #include "service/kavo_bpf_error_log.h"
@@ -115,9 +113,7 @@ TEST(ClientBadInput, DamagedFramesAndStrangePackagesCostOnlyTheirOwnBytes) {
 
     // Garbage announcing 2.7 GB, one byte more than the buffer, a size that
     // wraps the 32-bit total: each drops what is buffered, on the record.
-    std::mt19937 random(9);
-    std::string noise = U32(0xA5A5A5A5);
-    while (noise.size() < 300) noise += static_cast<char>(random());
+    const std::string noise = U32(0xA5A5A5A5) + std::string(296, '\x5a');
     const std::pair<std::string, std::string> damaged[] = {
         {noise, "packageSize: 2779096489, cursor: 0, data: 300, bufferSize: 32768, Buffer hexdump: a5 a5 a5 a5 "},
         {U32(32765), "packageSize: 32769, cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: fd 7f 00 00 \n"},
@@ -185,10 +181,9 @@ TEST(ClientService, KavobpfClientPrintsWhatArrives) {
                                       bytes(rss, 20), bytes(exited, sizeof(exited))}) {
       Publish(record);
     }
-    int status = 0;
     for (auto* client : {&text, &json}) {
-      ASSERT_TRUE(client->WaitExit(5s, &status)) << client->Output();
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << client->Output();
+      int status = 0;
+      EXPECT_TRUE(client->WaitExit(5s, &status) && WIFEXITED(status) && WEXITSTATUS(status) == 0) << client->Output();
     }
     for (const char* line :
          {"kmem_rss_info time_ns=123456789 pid=4321 member=anon size_kib=8KiB\n", "process_created pid=77 ppid=1 uid=10001 comm=my \"app\"\n",

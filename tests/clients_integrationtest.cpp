@@ -99,10 +99,8 @@ TEST(ClientLibrary, TypedEventsCarryWhatTheKernelSawAndEveryRequestItsResult) {
     std::vector<Event> events = EventsOfUntil<kavo_process_exited_event>(client, child);
     std::string comm = kavo::test::ReadFile("/proc/self/comm");
     comm.pop_back();
-    const auto* fork = First<kavo_fork_event>(events);
-    const auto* created = First<kavo_process_created_event>(events);
-    const auto* exit = First<kavo_exit_event>(events);
-    const auto* exited = First<kavo_process_exited_event>(events);
+    const auto [fork, created, exit, exited] = std::make_tuple(First<kavo_fork_event>(events), First<kavo_process_created_event>(events),
+                                                               First<kavo_exit_event>(events), First<kavo_process_exited_event>(events));
     ASSERT_TRUE(fork && created && exit && exited);
     // Forked under this process's name, renamed before it ended.
     EXPECT_EQ(std::make_tuple(getpid(), int32_t(getuid()), uint32_t(KAVO_TASK_PROCESS), comm),
@@ -158,12 +156,11 @@ TEST(ClientLibrary, FollowsTheServiceThroughARestart) {
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return client.connected() && client.stats().reconnections > 0; }, 8s));
     EXPECT_TRUE(exitsArrive());
     client.Close();
-    ASSERT_GE(changes.size(), 3u);
-    for (size_t i = 0; i < changes.size(); ++i) {
-      using C = kavobpf::ConnectionChange;
-      EXPECT_EQ(i == 0 ? C::kConnected : i % 2 == 1 ? C::kLost : C::kReconnected, changes[i]) << i;
-    }
-    EXPECT_EQ(kavobpf::ConnectionChange::kReconnected, changes.back());
+    // Connected, then lost and reconnected in turn, ending connected.
+    using C = kavobpf::ConnectionChange;
+    std::vector<C> expected = {C::kConnected};
+    while (expected.size() < std::max<size_t>(3, changes.size() | 1)) expected.push_back(expected.size() % 2 ? C::kLost : C::kReconnected);
+    EXPECT_EQ(expected, changes);
     EXPECT_EQ(changes.size() / 2, client.stats().reconnections);
     EXPECT_EQ(0, system.Stop());
   });
@@ -303,8 +300,7 @@ TEST(AccessControl, OnlyTrustedPeersAreServed) {
     EXPECT_TRUE(Peer({0, 0, {}}).sawItsChild);
     Peer({0, 0, {}}, inconsistent);
     int status = 0;
-    ASSERT_TRUE(system.daemon()->WaitExit(5s, &status));
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    EXPECT_TRUE(system.daemon()->WaitExit(5s, &status) && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
     EXPECT_NE(std::string::npos, system.Output().find("Check failed: ((KavoReqIpcPackageHeader*)data)->dataSize"));
   });
 }

@@ -151,8 +151,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     std::string scratch(1 << 20, 's');
     int pair[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair));
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
+    cpu_set_t cpus{};
     CPU_SET(0, &cpus);
     std::mutex mutex;
     std::vector<uint32_t> calls;  // the events each callback was called with

@@ -38,8 +38,7 @@ class LogCapture {
   size_t Count(const std::string& needle, int priority = -1) const;
   bool Contains(const std::string& needle, int priority = -1) const { return Count(needle, priority) > 0; }
   // Waits until Count(needle) >= count, or the timeout passed.
-  bool WaitFor(const std::string& needle, size_t count = 1,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+  bool WaitFor(const std::string& needle, size_t count = 1, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
   void Clear();
 
  private:

@@ -41,8 +41,7 @@ class RawClient {
  public:
   // Connects to the service socket (abstract namespace), retrying until
   // |timeout| for a service that is still starting.
-  bool Connect(const std::string& name = kServiceSocket,
-               std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  bool Connect(const std::string& name = kServiceSocket, std::chrono::milliseconds timeout = std::chrono::seconds(5));
   bool Send(const std::string& bytes);
   // The next whole frame, or nothing when none arrived in time.
   std::optional<Frame> ReadFrame(std::chrono::milliseconds timeout);
@@ -59,11 +58,7 @@ class RawClient {
 };
 
 // Response body fields: reqId, result, dataSize.
-struct Response {
-  uint32_t reqId;
-  int32_t result;
-  uint32_t dataSize;
-};
+struct Response { uint32_t reqId; int32_t result; uint32_t dataSize; };
 std::optional<Response> AsResponse(const Frame& frame);
 
 }  // namespace kavo::test
