@@ -62,6 +62,7 @@ TEST(ClientService, SubscribersGetTheirEventsUntilTheyUnsubscribeOrLeave) {
     }
     ASSERT_TRUE(WaitUntil([&] { return clients() == 0; }));
     EXPECT_TRUE(EventManager::GetInstance()->observersOf(KAVO_EVENT_RSS_STAT).empty());
+    const size_t descriptors = kavo::test::OpenDescriptors(getpid());
 
     // b stops half way through its request; a is served meanwhile, then the
     // rest of b's request arrives and makes it whole.
@@ -96,7 +97,7 @@ TEST(ClientService, SubscribersGetTheirEventsUntilTheyUnsubscribeOrLeave) {
     ASSERT_EQ(1u, aFd.size());
     a.Close();
     b.Close();
-    ASSERT_TRUE(WaitUntil([&] { return clients() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return clients() == 0 && kavo::test::OpenDescriptors(getpid()) == descriptors; }));
     EXPECT_FALSE(EventManager::GetInstance()->hasObserverEntry(aFd[0]));
     for (int type : {KAVO_EVENT_RSS_STAT, KAVO_EVENT_CGROUP_ATTACH}) EXPECT_TRUE(EventManager::GetInstance()->observersOf(type).empty());
   });
