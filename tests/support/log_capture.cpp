@@ -11,34 +11,25 @@ namespace {
 std::atomic<LogCapture*> gActive{nullptr};
 }  // namespace
 
-LogCapture::LogCapture() {
-  const char* quiet = getenv("KAVO_TEST_QUIET");
-  echo_ = quiet == nullptr || strcmp(quiet, "1") != 0;
+LogCapture::LogCapture() : echo_(getenv("KAVO_TEST_QUIET") == nullptr || strcmp(getenv("KAVO_TEST_QUIET"), "1") != 0) {
   gActive = this;
   __android_log_set_logger(&LogCapture::Logger);
 }
 
 LogCapture::~LogCapture() {
   LogCapture* self = this;
-  if (gActive.compare_exchange_strong(self, nullptr)) {
-    __android_log_set_logger(__android_log_stderr_logger);
-  }
+  if (gActive.compare_exchange_strong(self, nullptr)) __android_log_set_logger(__android_log_stderr_logger);
 }
 
 void LogCapture::Logger(const struct __android_logger_data* data, const char* message) {
   LogCapture* active = gActive.load();
   if (active == nullptr || active->echo_) __android_log_stderr_logger(data, message);
-  if (active != nullptr) {
-    active->Append(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
-  }
-}
-
-void LogCapture::Append(LogLine line) {
+  if (active == nullptr) return;
   {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.push_back(std::move(line));
+    std::lock_guard<std::mutex> guard(active->mutex_);
+    active->lines_.push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
   }
-  changed_.notify_all();
+  active->changed_.notify_all();
 }
 
 std::vector<LogLine> LogCapture::Lines() const {
@@ -46,30 +37,20 @@ std::vector<LogLine> LogCapture::Lines() const {
   return lines_;
 }
 
-size_t LogCapture::Count(const std::string& needle, int priority) const {
-  std::lock_guard<std::mutex> guard(mutex_);
+size_t LogCapture::CountLocked(const std::string& needle, int priority) const {
   size_t n = 0;
-  for (const LogLine& line : lines_) {
-    if (line.message.find(needle) != std::string::npos &&
-        (priority < 0 || line.priority == priority)) {
-      ++n;
-    }
-  }
+  for (const LogLine& line : lines_) n += line.message.find(needle) != std::string::npos && (priority < 0 || line.priority == priority);
   return n;
 }
 
-bool LogCapture::WaitFor(const std::string& needle, size_t count,
-                         std::chrono::milliseconds timeout) const {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
+size_t LogCapture::Count(const std::string& needle, int priority) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return CountLocked(needle, priority);
+}
+
+bool LogCapture::WaitFor(const std::string& needle, size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  while (true) {
-    size_t n = 0;
-    for (const LogLine& line : lines_) {
-      if (line.message.find(needle) != std::string::npos) ++n;
-    }
-    if (n >= count) return true;
-    if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) return false;
-  }
+  return changed_.wait_for(lock, timeout, [&] { return CountLocked(needle, -1) >= count; });
 }
 
 void LogCapture::Clear() {

@@ -36,17 +36,14 @@ class LogCapture {
   std::vector<LogLine> Lines() const;
   // Lines whose message contains |needle| (and has |priority|, when given).
   size_t Count(const std::string& needle, int priority = -1) const;
-  bool Contains(const std::string& needle, int priority = -1) const {
-    return Count(needle, priority) > 0;
-  }
+  bool Contains(const std::string& needle, int priority = -1) const { return Count(needle, priority) > 0; }
   // Waits until Count(needle) >= count, or the timeout passed.
-  bool WaitFor(const std::string& needle, size_t count = 1,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+  bool WaitFor(const std::string& needle, size_t count = 1, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
   void Clear();
 
  private:
   static void Logger(const struct __android_logger_data* data, const char* message);
-  void Append(LogLine line);
+  size_t CountLocked(const std::string& needle, int priority) const;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;

@@ -5,37 +5,27 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <thread>
 
 namespace kavo::test {
 
-namespace {
+std::string U32(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
 
-void Put32(std::string* out, uint32_t v) { out->append(reinterpret_cast<const char*>(&v), 4); }
-
-}  // namespace
-
-std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType) {
-  std::string frame;
-  for (uint32_t v : {24u, 0u, 16u, reqId, reqType, 4u, static_cast<uint32_t>(eventType)}) Put32(&frame, v);
-  return frame;
-}
+std::string RawFrame(const std::string& body) { return U32(static_cast<uint32_t>(body.size())) + body; }
 
 std::string PackageFrame(uint32_t type, const std::string& body) {
-  std::string frame;
-  for (uint32_t v : {static_cast<uint32_t>(body.size() + 8), type, static_cast<uint32_t>(body.size())}) {
-    Put32(&frame, v);
-  }
-  return frame + body;
+  return RawFrame(U32(type) + U32(static_cast<uint32_t>(body.size())) + body);
 }
 
-std::vector<Frame> ParseFrames(std::string* bytes) {
+std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType) {
+  return PackageFrame(0, U32(reqId) + U32(reqType) + U32(4) + U32(static_cast<uint32_t>(eventType)));
+}
+
+std::vector<Frame> ParseFrames(std::string* bytes, size_t most) {
   std::vector<Frame> frames;
   size_t at = 0;
-  while (bytes->size() - at >= 4) {
-    uint32_t size;
+  for (uint32_t size = 0; frames.size() < most && bytes->size() - at >= 4; at += 4 + static_cast<size_t>(size)) {
     memcpy(&size, bytes->data() + at, 4);
     if (bytes->size() - at - 4 < size) break;
     Frame frame;
@@ -44,84 +34,56 @@ std::vector<Frame> ParseFrames(std::string* bytes) {
       frame.body = bytes->substr(at + 12, size - 8);
     }
     frames.push_back(std::move(frame));
-    at += 4 + static_cast<size_t>(size);
   }
   bytes->erase(0, at);
   return frames;
 }
 
-std::string RawFrame(const std::string& body) {
-  std::string frame;
-  Put32(&frame, static_cast<uint32_t>(body.size()));
-  return frame + body;
-}
-
-RawClient::~RawClient() { Close(); }
-
 bool RawClient::Connect(const std::string& name, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    fd_ = socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    if (fd_ >= 0) return true;
+  for (auto deadline = std::chrono::steady_clock::now() + timeout;; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    fd_.reset(socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
+    if (fd_.ok()) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
 bool RawClient::Send(const std::string& bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
-    ssize_t n = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
+  for (size_t sent = 0; sent < bytes.size();) {
+    ssize_t n = send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0 && errno != EINTR) return false;
+    sent += n > 0 ? static_cast<size_t>(n) : 0;
   }
-  return true;
-}
-
-bool RawClient::Fill(std::chrono::steady_clock::time_point deadline) {
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  if (left.count() < 0) return false;
-  struct pollfd pfd = {fd_, POLLIN, 0};
-  if (poll(&pfd, 1, static_cast<int>(left.count())) <= 0) return false;
-  char chunk[65536];
-  ssize_t n = recv(fd_, chunk, sizeof(chunk), 0);
-  if (n <= 0) return false;
-  pending_.append(chunk, static_cast<size_t>(n));
   return true;
 }
 
 std::optional<Frame> RawClient::ReadFrame(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (true) {
     // One frame at a time: the rest stays pending for the next call.
-    size_t size = 0;
-    if (pending_.size() >= 4) memcpy(&size, pending_.data(), 4);
-    if (pending_.size() >= 4 && pending_.size() - 4 >= size) {
-      std::string one = pending_.substr(0, 4 + size);
-      pending_.erase(0, 4 + size);
-      return ParseFrames(&one).front();
-    }
-    if (!Fill(deadline)) return std::nullopt;
+    std::vector<Frame> one = ParseFrames(&pending_, 1);
+    if (!one.empty()) return one.front();
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    struct pollfd pfd = {fd_.get(), POLLIN, 0};
+    char chunk[65536];
+    if (left.count() < 0 || poll(&pfd, 1, static_cast<int>(left.count())) <= 0) return std::nullopt;
+    ssize_t n = recv(fd_.get(), chunk, sizeof(chunk), 0);
+    if (n <= 0) return std::nullopt;
+    pending_.append(chunk, static_cast<size_t>(n));
   }
 }
 
 std::optional<std::string> RawClient::ReadEvent(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    auto frame = ReadFrame(left);
-    if (!frame) return std::nullopt;
+  using std::chrono::milliseconds;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (auto frame = ReadFrame(std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now()))) {
     if (frame->type == 3) return frame->body;
   }
+  return std::nullopt;
 }
 
-void RawClient::SetReceiveBuffer(int bytes) { setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
+void RawClient::SetReceiveBuffer(int bytes) { setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
 
-void RawClient::Close() {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
-}
+void RawClient::Close() { fd_.reset(); }
 
 std::optional<Response> AsResponse(const Frame& frame) {
   if (frame.type != 1 || frame.body.size() < sizeof(Response)) return std::nullopt;

@@ -10,6 +10,8 @@
 
 #include <stdint.h>
 
+#include <android-base/unique_fd.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -24,26 +26,22 @@ struct Frame {
   std::string body;   // after the 8-byte second-level header
 };
 
+// A u32 as it stands on the wire (host byte order).
+std::string U32(uint32_t value);
 // "size | 0 | 16 | reqId | reqType | 4 | eventType", 28 bytes.
 std::string RequestFrame(uint32_t reqId, uint32_t reqType, int32_t eventType);
 // A second-level package (type, size, body) behind its first-level size.
 std::string PackageFrame(uint32_t type, const std::string& body);
 // Any bytes behind a first-level size.
 std::string RawFrame(const std::string& body);
-// Takes the whole frames off the front of |bytes| (a partial one stays).
-std::vector<Frame> ParseFrames(std::string* bytes);
+// Takes the whole frames, at most |most|, off the front of |bytes| (a partial one stays).
+std::vector<Frame> ParseFrames(std::string* bytes, size_t most = SIZE_MAX);
 
 class RawClient {
  public:
-  RawClient() = default;
-  ~RawClient();
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
-
   // Connects to the service socket (abstract namespace), retrying until
   // |timeout| for a service that is still starting.
-  bool Connect(const std::string& name = kServiceSocket,
-               std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  bool Connect(const std::string& name = kServiceSocket, std::chrono::milliseconds timeout = std::chrono::seconds(5));
   bool Send(const std::string& bytes);
   // The next whole frame, or nothing when none arrived in time.
   std::optional<Frame> ReadFrame(std::chrono::milliseconds timeout);
@@ -52,21 +50,15 @@ class RawClient {
   // Shrinks the socket's receive buffer (before reading anything).
   void SetReceiveBuffer(int bytes);
   void Close();
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
  private:
-  bool Fill(std::chrono::steady_clock::time_point deadline);
-
-  int fd_ = -1;
+  android::base::unique_fd fd_;
   std::string pending_;
 };
 
 // Response body fields: reqId, result, dataSize.
-struct Response {
-  uint32_t reqId;
-  int32_t result;
-  uint32_t dataSize;
-};
+struct Response { uint32_t reqId; int32_t result; uint32_t dataSize; };
 std::optional<Response> AsResponse(const Frame& frame);
 
 }  // namespace kavo::test
