@@ -330,8 +330,10 @@ std::optional<Event> Client::NextEvent(std::chrono::milliseconds timeout) {
   Impl& impl = *impl_;
   std::unique_lock<std::mutex> lock(impl.mutex);
   if (impl.callbacks.onEvent) return std::nullopt;
+  // Events still queued when the client is closed are not handed out: the
+  // caller closed it to stop hearing from the service.
   if (!impl.changed.wait_for(lock, timeout, [&] { return !impl.events.empty() || impl.closed; }) ||
-      impl.events.empty()) {
+      impl.closed) {
     return std::nullopt;
   }
   Event event = std::move(impl.events.front());
