@@ -54,6 +54,10 @@ struct Client::Impl {
 
   // Loop-thread handlers.
   int onConnected(int fd);
+  void countReconnection() {
+    std::lock_guard<std::mutex> guard(mutex);
+    ++stats.reconnections;
+  }
   int onClosed(int fd);
   int onResponse(char* body, unsigned size);
   int onEvent(char* body, unsigned size);
@@ -69,6 +73,10 @@ struct Client::Impl {
   // manager's lock; their |done| functions run after it, so they may request
   // again. Loop thread only.
   std::vector<std::pair<unsigned, int>> answered;
+  // Whether the caller was last told "connected" (kConnected, kReconnected)
+  // rather than kLost, so that a connection lost before it was reported is
+  // not reported lost either. Loop thread only.
+  bool reportedUp = false;
 
   mutable std::mutex mutex;
   std::condition_variable changed;
@@ -195,18 +203,30 @@ int Client::Impl::onConnected(int connection) {
     fd = connection;
     again = everConnected;
     everConnected = true;
-    if (again) {
-      ++stats.reconnections;
-      resubscribe = wanted;
+    if (again) resubscribe = wanted;
+  }
+  if (!again || resubscribe.empty()) {
+    if (again) countReconnection();
+    reportedUp = true;
+    if (callbacks.onConnection) {
+      callbacks.onConnection(again ? ConnectionChange::kReconnected : ConnectionChange::kConnected);
+    }
+  } else {
+    // A reconnection is reported once the service has answered every
+    // subscription again, so that a caller told of it misses no event of a
+    // type it asked for. Answers come on this thread; a connection lost
+    // before they all came reports nothing, its successor does.
+    auto unanswered = std::make_shared<size_t>(resubscribe.size());
+    for (int32_t type : resubscribe) {
+      send(kRequestSubscribe, &type, sizeof(type), [this, unanswered](int result) {
+        if (result == kClosed || --*unanswered != 0) return;
+        countReconnection();
+        reportedUp = true;
+        if (callbacks.onConnection) callbacks.onConnection(ConnectionChange::kReconnected);
+      });
     }
   }
-  for (int32_t type : resubscribe) {
-    send(kRequestSubscribe, &type, sizeof(type), nullptr);
-  }
   endpoint->notifyNeedWriteData(connection);
-  if (callbacks.onConnection) {
-    callbacks.onConnection(again ? ConnectionChange::kReconnected : ConnectionChange::kConnected);
-  }
   changed.notify_all();
   return 0;
 }
@@ -216,7 +236,8 @@ int Client::Impl::onClosed(int) {
     std::lock_guard<std::mutex> guard(mutex);
     fd = -1;
   }
-  if (callbacks.onConnection) callbacks.onConnection(ConnectionChange::kLost);
+  if (reportedUp && callbacks.onConnection) callbacks.onConnection(ConnectionChange::kLost);
+  reportedUp = false;
   changed.notify_all();
   return 0;
 }

@@ -29,8 +29,11 @@
 //
 // Reconnection. When the service goes away the client keeps the event types
 // it was asked for, reconnects once the service is back, subscribes to them
-// again, and tells ClientCallbacks::onConnection. Events the service
-// produced while no connection existed are not delivered.
+// again, and once the service has answered those subscriptions tells
+// ClientCallbacks::onConnection (kReconnected): from then on no event of
+// those types is missed. A connection that is lost again before that is not
+// reported at all. Events the service produced while no connection existed
+// are not delivered.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -147,7 +150,7 @@ class KAVOBPF_CLIENT_API Client {
   struct Stats {
     uint64_t events = 0;         // events received
     uint64_t droppedEvents = 0;  // events dropped from a full NextEvent() queue
-    uint32_t reconnections = 0;  // connections made after the first
+    uint32_t reconnections = 0;  // kReconnected reports: connected and subscribed again
   };
 
   explicit Client(ClientOptions options = {}, ClientCallbacks callbacks = {});
