@@ -39,26 +39,19 @@ uint64_t BootNs() {
 }
 
 void WriteProcess(int pid, const char* name, long long startTicks, char state = 'S') {
-  FakeProcess p;
-  p.pid = pid, p.name = name, p.ppid = 1, p.uid = 10000 + pid, p.startTicks = startTicks, p.state = state;
-  WriteFakeProcess(p);
+  WriteFakeProcess({pid, name, 1, 10000 + pid, 1, 0, 0, 0, 0, startTicks, state});
 }
 
 // What a client saw, by pid: "exited:<comm>", "init:<comm>", "created:<comm>".
 Seen ByPid(const std::vector<std::string>& records) {
   Seen seen;
+  auto note = [&seen](const char* what, const auto& e) { seen[e.pid].push_back(what + std::string(e.comm)); };
   for (const std::string& r : records) {
-    if (RecordType(r) == KAVO_EVENT_PROCESS_EXITED) {
-      auto e = RecordAs<kavo_process_exited_event>(r);
-      seen[e.pid].push_back(std::string("exited:") + e.comm);
-    } else if (RecordType(r) == KAVO_EVENT_TASK_INIT) {
-      auto e = RecordAs<kavo_task_init_event>(r);
-      seen[e.pid].push_back(std::string("init:") + e.comm);
-    } else {
-      auto e = RecordAs<kavo_process_created_event>(r);
-      EXPECT_EQ(10000 + e.pid, e.uid) << e.pid;
-      seen[e.pid].push_back(std::string("created:") + e.comm);
-    }
+    if (RecordType(r) == KAVO_EVENT_PROCESS_EXITED) note("exited:", RecordAs<kavo_process_exited_event>(r));
+    if (RecordType(r) == KAVO_EVENT_TASK_INIT) note("init:", RecordAs<kavo_task_init_event>(r));
+    if (RecordType(r) != KAVO_EVENT_PROCESS_CREATED) continue;
+    note("created:", RecordAs<kavo_process_created_event>(r));
+    EXPECT_EQ(10000 + RecordAs<kavo_process_created_event>(r).pid, RecordAs<kavo_process_created_event>(r).uid);
   }
   return seen;
 }
@@ -77,21 +70,12 @@ TEST(TaskScan, TheScanSeedsTableAndClients) {
     EXPECT_EQ(0, GetBasetime());
     WriteFile("/proc/stat", "cpu  1 2 3 4\nbtime 1700000000\nprocesses 9\n");
     ASSERT_TRUE(InitBasetime());
-    FakeProcess init;
-    init.pid = 1, init.name = "init", init.ppid = 0, init.uid = 0, init.threads = 3;
-    init.rssAnonKb = 1000, init.rssFileKb = 2000, init.rssShmemKb = 300, init.swapKb = 40;
-    init.startTicks = 5 * sysconf(_SC_CLK_TCK);
-    WriteFakeProcess(init);
-    FakeProcess big;  // 2,097,152 kB and more wrap in the 32-bit kB arithmetic
-    big.pid = 4242, big.name = "com.example.app", big.uid = 10050;
-    big.rssAnonKb = 2097152, big.rssFileKb = 3145728, big.rssShmemKb = 2097151, big.swapKb = 2097153;
-    WriteFakeProcess(big);
-    FakeProcess spaced;  // a blank in the name shifts no stat field
-    spaced.pid = 4300, spaced.name = "Web Content", spaced.threads = 7;
-    WriteFakeProcess(spaced);
-    FakeProcess vanished;  // status read, then gone before its stat
-    vanished.pid = 4400, vanished.withStat = false;
-    WriteFakeProcess(vanished);
+    // pid, name, ppid, uid, threads, anon, file, shmem and swap kB, start ticks.
+    WriteFakeProcess({1, "init", 0, 0, 3, 1000, 2000, 300, 40, 5 * sysconf(_SC_CLK_TCK)});
+    // 2,097,152 kB and more wrap in the 32-bit kB arithmetic.
+    WriteFakeProcess({4242, "com.example.app", 1, 10050, 1, 2097152, 3145728, 2097151, 2097153});
+    WriteFakeProcess({4300, "Web Content", 1, 0, 7});  // a blank in the name shifts no stat field
+    WriteFakeProcess({4400, "proc", 1, 0, 1, 0, 0, 0, 0, 0, 'S', false});  // status read, then gone before its stat
     for (const char* notAProcess : {"/proc/4500", "/proc/self", "/proc/12a"}) MakeDirs(notAProcess);
     // Damaged values are read as missing; a stat of too few fields gives no threads or start.
     WriteFile("/proc/77/status", "Name:\tdamaged\nPPid:\tnone\nUid:\t\nRssAnon:\tlots kB\nRssFile:\t  12 kB\n");
@@ -108,19 +92,17 @@ TEST(TaskScan, TheScanSeedsTableAndClients) {
               "old 2048000,1024000,40960,307200 start 1700000005", TaskLine(1));
     // Stamped with the 32-bit boot clock: small, so the first kernel event
     // already counts as 3 s later.
-    EXPECT_GE(KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs, INT32_MIN);
-    EXPECT_LE(KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs, INT32_MAX);
+    const int64_t firstSeen = KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs;
+    EXPECT_TRUE(firstSeen >= INT32_MIN && firstSeen <= INT32_MAX) << firstSeen;
     EXPECT_EQ("com.example.app 4242 ppid 1 uid 10050 threads 1/1 mm 0 rss -1073741824,-2147483648,-2147482624,"
               "2147482624 old -1073741824,-2147483648,-2147482624,2147482624 start 1700000000", TaskLine(4242));
-    EXPECT_EQ("Web Content 4300 ppid 1 uid 0 threads 7/7 mm 0 rss 0,0,0,0 old 0,0,0,0 start 1700000000",
-              TaskLine(4300));
+    EXPECT_EQ("Web Content 4300 ppid 1 uid 0 threads 7/7 mm 0 rss 0,0,0,0 old 0,0,0,0 start 1700000000", TaskLine(4300));
     EXPECT_EQ("damaged 77 ppid 0 uid 0 threads 0/0 mm 0 rss 12288,0,0,0 old 12288,0,0,0 start 0", TaskLine(77));
     EXPECT_EQ(" 500 ppid 0 uid 0 threads 0/0 mm 0 rss 0,0,0,0 old 0,0,0,0 start 0", TaskLine(500));
     // Each scanned process reached the clients as a task-init record and was counted.
     auto records = sink.Drain();
     ASSERT_EQ(5u, records.size());
-    for (const std::string& record : records) EXPECT_EQ(88u, record.size());
-    EXPECT_EQ(KAVO_EVENT_TASK_INIT, RecordType(records[0]));
+    for (const std::string& record : records) EXPECT_TRUE(record.size() == 88u && RecordType(record) == KAVO_EVENT_TASK_INIT);
     EXPECT_EQ(2 * 5u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
   }, FakeProc());
 }
@@ -134,8 +116,7 @@ TEST(TaskScan, ReadersOfNameParentSizeAndInode) {
     WriteFile("/proc/78/status", "Name:\t\nPPid:\t\n");
     for (UpdateProcessExdata expected : std::vector<UpdateProcessExdata>{{77, 12, "abcdefghijklmno"}, {78, 0, ""}}) {
       UpdateProcessExdata info = {};
-      ASSERT_EQ(0, Service()->getProcessInfo(expected.pid, &info));
-      EXPECT_EQ(0, memcmp(&expected, &info, sizeof(info))) << expected.pid << " " << info.ppid << " " << info.comm;
+      EXPECT_TRUE(Service()->getProcessInfo(expected.pid, &info) == 0 && memcmp(&expected, &info, sizeof(info)) == 0) << info.comm;
     }
     LogCapture log;
     AddFakeFd(300, 9, "/dmabuf:", 8192, 5000000000LL);
@@ -150,8 +131,7 @@ TEST(TaskScan, ReadersOfNameParentSizeAndInode) {
       EXPECT_EQ(0u, Service()->GetFdInode("/proc/300/fdinfo/" + fd)) << fd;
     }
     // A missing file is: once per reader.
-    EXPECT_EQ(2u, log.Lines().size());
-    EXPECT_EQ(2u, log.Count("Unable to open /proc/300/fdinfo/13", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.Lines().size() == 2u && log.Count("Unable to open /proc/300/fdinfo/13", ANDROID_LOG_WARN) == 2u);
   }, FakeProc());
 }
 
@@ -170,10 +150,8 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     Service()->initTaskInfo();
     EXPECT_EQ(0, KavoTaskManager::GetInstance()->GetKavoTask(650)->startTimeNs);
     for (int pid : {400, 401, 402, 403}) WriteProcess(pid, pid == 402 ? "reborn" : "kept", 7000);
-    Dispatch(ForkRecord(400, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick + tick / 2, 10400));
-    Dispatch(ForkRecord(401, 1, "kept", KAVO_TASK_PROCESS, 7001 * tick, 10401));
-    Dispatch(ForkRecord(402, 1, "far", KAVO_TASK_PROCESS, 7002 * tick, 10402));
-    Dispatch(ForkRecord(403, 1, "kept", KAVO_TASK_PROCESS, 7000 * tick - 1, 10403));
+    for (auto [pid, name, at] : {std::tuple{400, "kept", 7000 * tick + tick / 2}, {401, "kept", 7001 * tick}, {402, "far", 7002 * tick},
+                                 {403, "kept", 7000 * tick - 1}}) Dispatch(ForkRecord(pid, 1, name, KAVO_TASK_PROCESS, at, 10000 + pid));
     // Records were lost meanwhile: 100 exited and was reaped, 200 was
     // reaped and its pid taken, 300 exited (a zombie), 500 started, 600
     // started and exited.
@@ -223,9 +201,8 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
 
 TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
   RunInNamespace([] {
-    for (auto [pid, name, state] : {std::tuple{700, "zombie-a", 'Z'}, {701, "zombie-b", 'Z'}, {702, "zombie-c", 'Z'},
-                                    {703, "worker", 'S'}}) {
-      WriteProcess(pid, name, pid - 650, state);
+    for (auto [pid, name] : {std::pair{700, "zombie-a"}, {701, "zombie-b"}, {702, "zombie-c"}, {703, "worker"}}) {
+      WriteProcess(pid, name, pid - 650, pid == 703 ? 'S' : 'Z');
     }
     Service()->initTaskInfo();
     EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
@@ -265,8 +242,7 @@ TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
     for (int64_t t : c.losses) schedule.noteLoss(3, t);
     uint64_t lost = 0;
     EXPECT_EQ(c.losses.empty() ? -1 : c.due ? 0 : 1, schedule.msUntilDue(c.at)) << c.at;
-    EXPECT_EQ(c.due, schedule.takeDue(c.at, &lost)) << c.at;
-    EXPECT_EQ(c.due ? 3 * c.losses.size() : 0, lost);
+    EXPECT_TRUE(schedule.takeDue(c.at, &lost) == c.due && lost == (c.due ? 3 * c.losses.size() : 0)) << c.at;
     EXPECT_FALSE(schedule.takeDue(c.at, &lost));  // taken, or still not due
   }
 }
@@ -297,9 +273,8 @@ TEST(RingLossWatch, WithoutACounterTheFullBitTellsOfLossesAndIsStillReported) {
     ASSERT_TRUE(WriteRingRecords(ring, KAVO_EVENT_CGROUP_ATTACH, 1, &why, 112)) << why;
     EXPECT_TRUE(log.WaitFor("[KavoBpfService][resyncTaskTable] lost records: 1, "));
     EXPECT_EQ(producers, ReadControlWord(status)) << "the bit is taken, the producers stay";
-    EXPECT_EQ(1u, log.Count("bpf ringbuff full!"));  // the status check is not due for 30 s ...
-    EXPECT_FALSE(Service()->checkBpfRingBuffStatus(0, true));  // ... but reports the taken bit
-    EXPECT_EQ(2u, log.Count("bpf ringbuff full!"));
+    EXPECT_EQ(1u, log.Count("bpf ringbuff full!"));  // the status check is not due for 30 s, but a forced one reports the taken bit
+    EXPECT_TRUE(!Service()->checkBpfRingBuffStatus(0, true) && log.Count("bpf ringbuff full!") == 2u);
     EXPECT_TRUE(Service()->checkBpfRingBuffStatus(0, true));
     Service()->stop();
     ASSERT_EQ(std::future_status::ready, monitor.wait_for(2s));

@@ -27,7 +27,6 @@ KavoTask Task(int pid) {
   return task == nullptr ? KavoTask{} : *task;
 }
 
-
 // |n| threads of |pid| start (or end, n < 0) at |time|.
 void Threads(int pid, int n, uint64_t time) {
   for (int i = 0; i < std::abs(n); ++i) {
@@ -56,31 +55,25 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
     EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})},
               sink.Drain());
-    EXPECT_EQ(static_cast<int64_t>(kT0), Task(5000).firstSeenNs);
+    EXPECT_TRUE(Task(5000).firstSeenNs == static_cast<int64_t>(kT0) && Task(5000).initTimeStamp > 0);
     EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 0 rss 0,0,0,0 old 0,0,0,0"));
-    EXPECT_GT(Task(5000).initTimeStamp, 0);
 
     // Threads: nothing before 3 s however many; then only a change of more than 10.
-    Threads(5000, 11, kT0 + 2999 * kMs);
-    Threads(5000, -1, kT0 + 3000 * kMs);  // a change of 10
-    EXPECT_TRUE(sink.Drain().empty());
-    Threads(5000, 1, kT0 + 3000 * kMs);  // of 11
-    EXPECT_EQ(Records{ThreadReport(1, 12)}, sink.Drain());
-    Threads(5000, -10, kT0 + 3001 * kMs);
-    EXPECT_TRUE(sink.Drain().empty());
-    Threads(5000, -1, kT0 + 3001 * kMs);
-    EXPECT_EQ(Records{ThreadReport(12, 1)}, sink.Drain());
+    // Threads started or ended, with what a client then sees.
+    for (auto [n, ms, seen] : {std::tuple{11, 2999, Records{}}, {-1, 3000, Records{}} /* a change of 10 */,
+                               {1, 3000, Records{ThreadReport(1, 12)}} /* of 11 */, {-10, 3001, Records{}},
+                               {-1, 3001, Records{ThreadReport(12, 1)}}}) {
+      Threads(5000, n, kT0 + ms * kMs);
+      EXPECT_EQ(seen, sink.Drain()) << n << " at " << ms << " ms";
+    }
     // Threads no later than the record's first sight, or of unknown pids, do not count.
     Dispatch(ForkRecord(5000, 5000, "app", KAVO_TASK_THREAD, kT0));
     Dispatch(ForkRecord(5999, 5999, "nobody", KAVO_TASK_THREAD, kT0 + 9000 * kMs));
-    EXPECT_EQ(1, Task(5000).threadNum);
-    EXPECT_EQ(nullptr, KavoTaskManager::GetInstance()->GetKavoTask(5999));
-    sink.Drain();
+    EXPECT_TRUE(Task(5000).threadNum == 1 && KavoTaskManager::GetInstance()->GetKavoTask(5999) == nullptr);
 
     // Memory: too young at 2.999 s but kept; at 3 s the whole change since creation.
     Dispatch(RssRecord(5000, KAVO_RSS_ANON, 1 << 20, kT0 + 2999 * kMs));
-    EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(1000u, Task(5000).mmId);
+    EXPECT_TRUE(sink.Drain().empty() && Task(5000).mmId == 1000u);
     Dispatch(RssRecord(5000, KAVO_RSS_FILE, 8192, kT0 + 3000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, 1 << 20, 0, 0}, {0, 0, 0, 0})}, sink.Drain());
     // Small changes add up from the reported level: 16383 bytes are not enough, 16384 are.
@@ -90,8 +83,7 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8192, kT0 + 4000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, (1 << 20) + 8192, 0, 8192}, {8192, 1 << 20, 0, 0})}, sink.Drain());
     // Damaged records are dropped: a negative size, members out of range, a short record.
-    for (auto rss : {RssRecord(5000, KAVO_RSS_ANON, -1, kT0 + 5000 * kMs), RssRecord(5000, 4, 1 << 30, kT0 + 5000 * kMs),
-                     RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs)}) Dispatch(rss);
+    for (auto [member, size] : {std::pair{int(KAVO_RSS_ANON), -1}, {4, 1 << 30}, {-1, 1 << 30}}) Dispatch(RssRecord(5000, member, size, kT0 + 5000 * kMs));
     DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
     EXPECT_TRUE(sink.Drain().empty());
     EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 "
@@ -105,8 +97,7 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     EXPECT_EQ(123, Task(5000).firstSeenNs);
 
     // Exits: with the exit record's name; an unknown pid is reported too.
-    Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
-    Dispatch(ExitRecord(5998, "stranger", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
+    for (auto [pid, comm] : {std::pair{5000, "renamed"}, {5998, "stranger"}}) Dispatch(ExitRecord(pid, comm, KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
     EXPECT_EQ((Records{Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"}),
                        Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"})}), sink.Drain());
     EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
@@ -115,15 +106,13 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     LogCapture log;
     Dispatch(ForkRecord(5001, 1, "odd", 3, kT0));
     Dispatch(ExitRecord(5001, "odd", 0, kT0));
-    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
+    for (const char* what : {"Create raw event (SCHED__TASK_CREATE)", "Exit raw event (SCHED__TASK_EXIT)"}) {
+      EXPECT_TRUE(log.Contains(std::string("[KavoBpfService] Task ") + what + " error!", ANDROID_LOG_ERROR)) << what;
+    }
+    EXPECT_TRUE(sink.Drain().empty() && KavoTaskManager::GetInstance()->GetKavoTaskCount() == 0u);
 
     // Parent unknown to the kernel: asked of /proc; a process gone meanwhile keeps the record's.
-    FakeProcess p;
-    p.pid = 6000, p.name = "realname", p.ppid = 33;
-    WriteFakeProcess(p);
+    WriteFakeProcess({6000, "realname", 33});
     Dispatch(ForkRecord(6000, 0, "forkname", KAVO_TASK_PROCESS, kT0));
     Dispatch(ForkRecord(6001, 0, "gone", KAVO_TASK_PROCESS, kT0));
     EXPECT_EQ((Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6000, 33, 10001, "realname"}),
@@ -162,15 +151,13 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
     // A process still called "main" takes its name and parent from /proc
     // at its first record, then again only once 3 s have passed on the
     // seconds clock (moved here by its base).
-    FakeProcess p;
-    p.pid = 9500, p.name = "main", p.ppid = 700;
+    FakeProcess p{9500, "main", 700};
     WriteFakeProcess(p);
     Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0));
     Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
     EXPECT_EQ(700, Task(9500).ppid);
     const int64_t refreshed = Task(9500).lastInfoTime;
-    p.ppid = 701;
-    WriteFakeProcess(p);
+    WriteFakeProcess({9500, "main", 701});
     for (int elapsed : {2, 3}) {
       __basetime = refreshed + elapsed - static_cast<int64_t>(GetSystemSecondsTime() - __basetime);
       Dispatch(RssRecord(9500, KAVO_RSS_ANON, 8192, kT0 + kMs));
@@ -182,8 +169,7 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
     LogCapture log;
     Dispatch(RssRecord(9501, KAVO_RSS_ANON, 4096, kT0 + kMs));
     Dispatch(RssRecord(9501, KAVO_RSS_ANON, 8192, kT0 + kMs));
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN));
-    EXPECT_STREQ("re-initialized>", Task(9501).comm);
+    EXPECT_TRUE(log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN) == 1u && Task(9501).comm == std::string("re-initialized>"));
   }, FakeProc());
 }
 
@@ -206,8 +192,7 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
         auto exit = ExitRecord(7000 + i, comm.c_str(), KAVO_TASK_PROCESS, 3000 + i);
         kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, 7000 + i, 1, 10000 + i, {}};
         kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, 7000 + i, {}};
-        memcpy(created.comm, fork.comm, sizeof(created.comm));
-        memcpy(exited.comm, exit.comm, sizeof(exited.comm));
+        strcpy(created.comm, comm.c_str()), strcpy(exited.comm, comm.c_str());
         for (const std::string& record : {Bytes(fork), Bytes(rss), Bytes(exit)}) DispatchBytes(record);
         toProcesses.insert(toProcesses.end(), {Bytes(fork), Bytes(created), Bytes(exit), Bytes(exited)});
         toMemory.push_back(Bytes(rss));
