@@ -141,8 +141,7 @@ TEST(ClientBadInput, InnerSizesThatContradictTheFrameEndTheServiceOnItsCheck) {
     EXPECT_DEATH(SendToService(U32(12) + U32(0) + U32(100) + U32(0)),
                  "Check failed: packagePtr->size == size - sizeof\\(KavoIpcSecondLevelPackageHeader\\)");
     EXPECT_DEATH(SendToService(PackageFrame(0, U32(1) + U32(51) + U32(8) + U32(2))),
-                 "Check failed: \\(\\(KavoReqIpcPackageHeader\\*\\)data\\)->dataSize == size - "
-                 "sizeof\\(KavoReqIpcPackageHeader\\)");
+                 "Check failed: \\(\\(KavoReqIpcPackageHeader\\*\\)data\\)->dataSize == size - sizeof\\(KavoReqIpcPackageHeader\\)");
   });
 }
 

@@ -42,14 +42,10 @@ TEST(ErrorLog, RecordsNewestOnTopCappedAndRotatedPerStart) {
     prctl(PR_SET_NAME, "BpfServiceTr", 0, 0, 0);
     LogCapture log;
     RecordBpfServiceErrorInfo(2, "Ipc package damage, packageSize: 32769");
-    EXPECT_TRUE(log.Contains("failed to read /data/kavolog/stability/kavobpfframework/error.log, error: ",
-                             ANDROID_LOG_ERROR));
-    EXPECT_TRUE(std::regex_match(ReadFile(KAVO_ERROR_LOG_PATH),
-                                 std::regex("----------\nTime: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\nPid: " +
-                                            std::to_string(getpid()) + "\nTid: " + std::to_string(gettid()) +
-                                            "\nCmdline: a b\nComm: BpfServiceTr\nErrorCode: 2\n"
-                                            "Error: Ipc package damage, packageSize: 32769\n\n")))
-        << ReadFile(KAVO_ERROR_LOG_PATH);
+    EXPECT_TRUE(log.Contains("failed to read /data/kavolog/stability/kavobpfframework/error.log, error: ", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(std::regex_match(ReadFile(KAVO_ERROR_LOG_PATH), std::regex("----------\nTime: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\nPid: " +
+        std::to_string(getpid()) + "\nTid: " + std::to_string(gettid()) + "\nCmdline: a b\nComm: BpfServiceTr\nErrorCode: 2\n"
+        "Error: Ipc package damage, packageSize: 32769\n\n"))) << ReadFile(KAVO_ERROR_LOG_PATH);
     // The new record, then at most 4999 lines of the old file.
     for (size_t old : {4998u, 4999u, 5000u}) {
       std::string text;
@@ -110,7 +106,8 @@ TEST(StateRecord, ThirtyMinutesOfCountersAsAnOperatorReadsThem) {
   // A clock that steps back moves the newest second back without clearing.
   now -= 10;
   state.RecordEvent(1, 4);
-  EXPECT_EQ(std::make_tuple(1795, 4ull, 1ull), std::make_tuple(state.newestSecond(), uint64_t(state.counterAt(1795, 1)), uint64_t(state.counterAt(1795, 3))));
+  EXPECT_EQ(1795, state.newestSecond());
+  EXPECT_TRUE(state.counterAt(1795, 1) == 4u && state.counterAt(1795, 3) == 1u);
 }
 
 KavoTask MakeTask(int pid, const char* comm, int ppid, int64_t anon, int64_t file) {
@@ -134,27 +131,23 @@ TEST(TaskDumps, WrittenOnSignalsAsAnEngineerReadsThem) {
       return LinesOf(KavoTaskManager::KAVOTASK_DUMP_TEMPLATE);
     };
     Lines lines = signalAndRead(kSignalDumpTasks);  // an empty table
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex("============ DUMP ALL KAVO TASKS INFO \\(count: 0, time: [0-9]+\\) ============")));
+    EXPECT_TRUE(lines.size() == 2u && std::regex_match(lines[0], std::regex("============ DUMP ALL KAVO TASKS INFO \\(count: 0, time: [0-9]+\\) ============")));
 
     // A kernel thread without memory, names of 15 and 16 characters, a big
     // process. Sizes in whole KB: 10240 bytes are 10, 1023 are 0.
     tasks->AddKavoTask(45, MakeTask(45, "kworker/0:1", 2, 0, 0));
     KavoTask app = MakeTask(1234, "system_server12", 567, 10240, 1023);
     app.threadNum = 89, app.oldThreadNum = 80, app.mmId = 1000, app.initTimeStamp = 1700000123;
-    app.rssOldSize[KAVO_RSS_FILE] = 2048, app.rssSize[KAVO_RSS_SHMEM] = 4096;
-    app.rssSize[KAVO_RSS_SWAP] = -3072;  // printed as the signed value it is
+    // Swap is printed as the signed value it is.
+    app.rssOldSize[KAVO_RSS_FILE] = 2048, app.rssSize[KAVO_RSS_SHMEM] = 4096, app.rssSize[KAVO_RSS_SWAP] = -3072;
     tasks->AddKavoTask(app.pid, app);
-    tasks->AddKavoTask(1300, MakeTask(1300, "sixteen_letters_", 1, 1024, 1024));
-    tasks->AddKavoTask(900, MakeTask(900, "surfaceflinger", 1, 6LL << 30, 0));
+    for (const KavoTask& task : {MakeTask(1300, "sixteen_letters_", 1, 1024, 1024), MakeTask(900, "surfaceflinger", 1, 6LL << 30, 0)}) tasks->AddKavoTask(task.pid, task);
     lines = signalAndRead(kSignalDumpTasks);
-    ASSERT_EQ(6u, lines.size());
-    EXPECT_NE(std::string::npos, lines[0].find("(count: 4, time: "));
+    ASSERT_TRUE(lines.size() == 6u && lines[0].find("(count: 4, time: ") != std::string::npos) << lines.size();
     EXPECT_EQ("comm               pid         ppid        threadNum   oldThreadNum mmId        rssAnonSize         "
               "rssAnonOldSize      rssFileSize         rssFileOldSize      rssShmemSize        rssShmemOldSize     "
               "rssSwapSize         rssSwapOldSize      initTimeStamp       ", lines[1]);
-    EXPECT_EQ(0u, lines[2].rfind("surfaceflinger     900         1           1           1            0              "
-                                 "6291456 KB", 0)) << lines[2];  // largest first
+    EXPECT_EQ(0u, lines[2].rfind("surfaceflinger     900         1           1           1            0              6291456 KB", 0)) << lines[2];
     EXPECT_EQ("system_server12    1234        567         89          80           1000                10 KB      "
               "          0 KB                0 KB                2 KB                4 KB                0 KB      "
               "         -3 KB                0 KB          1700000123", lines[3]);

@@ -58,11 +58,10 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
       EXPECT_EQ(held == 4 + announced, CheckIpcPackageComplete(&buffer, &header, &size) && header == 4 && size == announced) << held;
     }
     if (announced <= 32764) continue;
-    EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
-    EXPECT_EQ(0u, buffer.bufferDataCursor);  // the connection's bytes are gone, not the connection
-    EXPECT_TRUE(NewestLoss(2, "Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) +
-                                  ", cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: " +
-                                  Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4) + "\n"));
+    // The connection's bytes are gone, not the connection.
+    EXPECT_TRUE(!CheckIpcPackageComplete(&buffer, &header, &size) && buffer.bufferDataCursor == 0u);
+    EXPECT_TRUE(NewestLoss(2, "Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) + ", cursor: 0, data: 4, bufferSize: 32768, "
+                              "Buffer hexdump: " + Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4) + "\n"));
   }
   EXPECT_EQ(2u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 }
@@ -74,8 +73,7 @@ std::string Drain(IpcPackageManager* queue, bool inOneGo) {
   for (int round = 0; round < 1000 && queue->getIpcPackageCount() != 0; ++round) {
     buffer.resetCursors();
     if (inOneGo) queue->fillNextIpcPackagesToBuffer(&buffer);
-    while (!inOneGo && queue->fillNextIpcPackageToBuffer(&buffer)) {
-    }
+    while (!inOneGo && queue->fillNextIpcPackageToBuffer(&buffer)) {}
     sent.append(buffer.data(), buffer.bufferDataCursor);
   }
   return sent;
@@ -97,8 +95,7 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
       // Up to 10001 queued nothing is cut; the append that finds 10001 cuts the queue to its 5000 newest.
       EXPECT_TRUE(i < 10000 || queue.getIpcPackageCount() == (i <= 10001 ? i : 5001u)) << i << ": " << queue.getIpcPackageCount();
     }
-    EXPECT_EQ(1u, log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(NewestLoss(code, "B&A Ipc Package queue full 10000\n"));
+    EXPECT_TRUE(log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR) == 1u && NewestLoss(code, "B&A Ipc Package queue full 10000\n"));
     const std::string sent = Drain(&queue, false);
     EXPECT_TRUE(sent.find(U32(5001)) == std::string::npos && sent.find(U32(5002)) < sent.find(U32(10002)));
   }
@@ -114,15 +111,13 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   BufferState buffer = SendBuffer();
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer) && buffer.bufferDataCursor == 32768);
   buffer.resetCursors();
-  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
-  EXPECT_TRUE(NewestLoss(8, "fillNextIpcPackageToBuffer ipc package damaged\n"));
+  EXPECT_TRUE(!queue.fillNextIpcPackageToBuffer(&buffer) && NewestLoss(8, "fillNextIpcPackageToBuffer ipc package damaged\n"));
   for (unsigned room : {21u, 22u}) {  // the next package takes 22 bytes
     buffer.bufferDataCursor = 32768 - room;
     EXPECT_EQ(room == 22, queue.fillNextIpcPackageToBuffer(&buffer)) << room;
   }
   queue.buildAndAppendIpcPackage(&big[0], 32765);
-  EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer));
-  EXPECT_TRUE(NewestLoss(7, "fillIpcPackageToBuffer ipc package damaged\n"));
+  EXPECT_TRUE(!queue.fillIpcPackageToBuffer(&buffer) && NewestLoss(7, "fillIpcPackageToBuffer ipc package damaged\n"));
 
   // Events queued in batches and packed in one go reach the client as the
   // same bytes, trims and records as one at a time, across the queue's blocks.
@@ -138,8 +133,7 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));  // two trims each
   EXPECT_EQ(lost.substr(0, lost.size() - records), gLosses.substr(0, lost.size() - records));
   // The newest 5001 survive; the one too big for any send buffer is dropped.
-  EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));
-  EXPECT_EQ(expected.size() - 18, expected.find(PackageFrame(3, events.back())));
+  EXPECT_TRUE(expected.find(PackageFrame(3, events[10002])) == 0 && expected.find(PackageFrame(3, events.back())) == expected.size() - 18);
 }
 
 TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
@@ -171,8 +165,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     // A peer that reads nothing: ten yields, one more try after a second's
     // pause, then the unsent bytes are dropped and on the record.
     UnixIpcManager endpoint(true, 32768, "kavo_unused", IpcHandlerState(), "IpcFrameworkTest", cpus, 10, 32);
-    while (send(pair[0], scratch.data(), 4096, MSG_DONTWAIT) > 0) {
-    }
+    while (send(pair[0], scratch.data(), 4096, MSG_DONTWAIT) > 0) {}
     BufferState buffer = SendBuffer();
     buffer.bufferDataCursor = 32768;
     EXPECT_FALSE(endpoint.ensureDataSend(pair[0], &buffer));
@@ -180,8 +173,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
                 log.Contains("[UnixIpcManager] Clear send buffer"));
     EXPECT_TRUE(NewestLoss(1, "Send data 10 times failed. bufferCursor: 0, bufferDataCursor: 32768\n"));
     // Once the peer reads again, what is sent next reaches it.
-    while (recv(pair[1], &scratch[0], scratch.size(), MSG_DONTWAIT) > 0) {
-    }
+    while (recv(pair[1], &scratch[0], scratch.size(), MSG_DONTWAIT) > 0) {}
     ASSERT_TRUE(buffer.bufferDataCursor == 0 && buffer.write("alive", 5));
     EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer) && recv(pair[1], &scratch[0], scratch.size(), 0) == 5);
     EXPECT_FALSE(kavo::test::PathExists("/data/kavolog"));

@@ -62,12 +62,11 @@ std::map<int, std::string> Table() {
   return table;
 }
 
-TEST(TaskScan, TheScanSeedsTableAndClients) {
+TEST(TaskScan, TheScanSeedsTableAndClientsAndTheReadersOfOneFile) {
   RunInNamespace([] {
     EXPECT_FALSE(InitBasetime());  // no /proc/stat: the base stays
     WriteFile("/proc/stat", "cpu 1\nbtime garbage\n");
-    EXPECT_TRUE(InitBasetime());
-    EXPECT_EQ(0, GetBasetime());
+    EXPECT_TRUE(InitBasetime() && GetBasetime() == 0);
     WriteFile("/proc/stat", "cpu  1 2 3 4\nbtime 1700000000\nprocesses 9\n");
     ASSERT_TRUE(InitBasetime());
     // pid, name, ppid, uid, threads, anon, file, shmem and swap kB, start ticks.
@@ -88,8 +87,7 @@ TEST(TaskScan, TheScanSeedsTableAndClients) {
     const uint64_t countedBefore = Counted(KAVO_EVENT_TASK_INIT);
     Service()->initTaskInfo();
     EXPECT_EQ(5u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
-    EXPECT_EQ("init 1 ppid 0 uid 0 threads 3/3 mm 0 rss 2048000,1024000,40960,307200 "
-              "old 2048000,1024000,40960,307200 start 1700000005", TaskLine(1));
+    EXPECT_EQ("init 1 ppid 0 uid 0 threads 3/3 mm 0 rss 2048000,1024000,40960,307200 old 2048000,1024000,40960,307200 start 1700000005", TaskLine(1));
     // Stamped with the 32-bit boot clock: small, so the first kernel event
     // already counts as 3 s later.
     const int64_t firstSeen = KavoTaskManager::GetInstance()->GetKavoTask(1)->firstSeenNs;
@@ -104,31 +102,25 @@ TEST(TaskScan, TheScanSeedsTableAndClients) {
     ASSERT_EQ(5u, records.size());
     for (const std::string& record : records) EXPECT_TRUE(record.size() == 88u && RecordType(record) == KAVO_EVENT_TASK_INIT);
     EXPECT_EQ(2 * 5u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
-  }, FakeProc());
-}
 
-TEST(TaskScan, ReadersOfNameParentSizeAndInode) {
-  RunInNamespace([] {
     // Parent before name, a 16-character name (cut to 15), a damaged
     // parent line skipped; empty values. (A process that is gone: the
     // handlers show it.)
-    WriteFile("/proc/77/status", "PPid:\t12\nName:\tabcdefghijklmnop\nPPid:\tgarbage\n");
-    WriteFile("/proc/78/status", "Name:\t\nPPid:\t\n");
-    for (UpdateProcessExdata expected : std::vector<UpdateProcessExdata>{{77, 12, "abcdefghijklmno"}, {78, 0, ""}}) {
+    WriteFile("/proc/87/status", "PPid:\t12\nName:\tabcdefghijklmnop\nPPid:\tgarbage\n");
+    WriteFile("/proc/88/status", "Name:\t\nPPid:\t\n");
+    for (UpdateProcessExdata expected : std::vector<UpdateProcessExdata>{{87, 12, "abcdefghijklmno"}, {88, 0, ""}}) {
       UpdateProcessExdata info = {};
       EXPECT_TRUE(Service()->getProcessInfo(expected.pid, &info) == 0 && memcmp(&expected, &info, sizeof(info)) == 0) << info.comm;
     }
     LogCapture log;
     AddFakeFd(300, 9, "/dmabuf:", 8192, 5000000000LL);
-    EXPECT_EQ(8192, Service()->GetFdSize("/proc/300/fdinfo/9"));
-    EXPECT_EQ(5000000000ull, Service()->GetFdInode("/proc/300/fdinfo/9"));  // above 2^32, whole
+    EXPECT_TRUE(Service()->GetFdSize("/proc/300/fdinfo/9") == 8192 && Service()->GetFdInode("/proc/300/fdinfo/9") == 5000000000ull);  // above 2^32
     // No such line, damaged and empty values: 0, and no failure to log.
     WriteFile("/proc/300/fdinfo/10", "pos:\t0\nflags:\t02\n");
     WriteFile("/proc/300/fdinfo/11", "size:\tlots\nino:\t-4\n");
     WriteFile("/proc/300/fdinfo/12", "size:\t\nino:\t\n");
     for (std::string fd : {"10", "11", "12", "13"}) {
-      EXPECT_EQ(0, Service()->GetFdSize("/proc/300/fdinfo/" + fd)) << fd;
-      EXPECT_EQ(0u, Service()->GetFdInode("/proc/300/fdinfo/" + fd)) << fd;
+      EXPECT_TRUE(Service()->GetFdSize("/proc/300/fdinfo/" + fd) == 0 && Service()->GetFdInode("/proc/300/fdinfo/" + fd) == 0u) << fd;
     }
     // A missing file is: once per reader.
     EXPECT_TRUE(log.Lines().size() == 2u && log.Count("Unable to open /proc/300/fdinfo/13", ANDROID_LOG_WARN) == 2u);
@@ -141,12 +133,9 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     // The scan saw five processes (one whose start does not fit in 64-bit
     // nanoseconds: not known, so kept); fork records brought four more,
     // stamped 0.5, 1, 2 and -1/tick ticks after the start in their stat files.
-    for (auto [pid, name, ticks] : {std::tuple{1, "init", 5}, {100, "gone", 100}, {200, "old", 1000}, {300, "exiting", 1000}}) {
-      WriteProcess(pid, name, ticks);
-    }
+    for (auto [pid, name, ticks] : {std::tuple{1, "init", 5}, {100, "gone", 100}, {200, "old", 1000}, {300, "exiting", 1000}}) WriteProcess(pid, name, ticks);
     WriteFile("/proc/650/status", "Name:\tancient\nPPid:\t1\n");
-    WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 "
-                                "18446744073709551 12345678 300\n");
+    WriteFile("/proc/650/stat", "650 (ancient) S 1 650 650 0 -1 4194560 100 0 0 0 5 3 0 0 20 0 1 0 18446744073709551 12345678 300\n");
     Service()->initTaskInfo();
     EXPECT_EQ(0, KavoTaskManager::GetInstance()->GetKavoTask(650)->startTimeNs);
     for (int pid : {400, 401, 402, 403}) WriteProcess(pid, pid == 402 ? "reborn" : "kept", 7000);
@@ -166,17 +155,11 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     LogCapture log;
     const uint64_t beforeResync = BootNs();
     Service()->resyncTaskTable(42);
-    EXPECT_EQ((Seen{{100, {"exited:gone"}},
-                    {200, {"exited:old", "init:new", "created:new"}},
-                    {300, {"exited:exiting"}},
-                    {402, {"exited:far", "init:reborn", "created:reborn"}},
-                    {500, {"init:missed", "created:missed"}}}),
-              ByPid(client.Drain()));
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 42, removed: 2, added: 1, "
-                            "replaced: 2, tasks: 8", ANDROID_LOG_INFO));
-    EXPECT_EQ((std::map<int, std::string>{{1, "init"}, {200, "new"}, {400, "kept"}, {401, "kept"},
-                                          {402, "reborn"}, {403, "kept"}, {500, "missed"}, {650, "ancient"}}),
-              Table());
+    EXPECT_EQ((Seen{{100, {"exited:gone"}}, {200, {"exited:old", "init:new", "created:new"}}, {300, {"exited:exiting"}},
+                    {402, {"exited:far", "init:reborn", "created:reborn"}}, {500, {"init:missed", "created:missed"}}}), ByPid(client.Drain()));
+    EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 42, removed: 2, added: 1, replaced: 2, tasks: 8", ANDROID_LOG_INFO));
+    EXPECT_EQ((std::map<int, std::string>{{1, "init"}, {200, "new"}, {400, "kept"}, {401, "kept"}, {402, "reborn"}, {403, "kept"}, {500, "missed"},
+                                          {650, "ancient"}}), Table());
     // Counted as the scan counts: once each through the dispatch, then the number of them.
     EXPECT_EQ(2 * 3u, Counted(KAVO_EVENT_TASK_INIT) - countedBefore);
     EXPECT_EQ(5000 * tick, KavoTaskManager::GetInstance()->GetKavoTask(200)->startTimeNs);
@@ -184,26 +167,20 @@ TEST(TaskResync, AfterLostRecordsTheTableIsWhatProcShows) {
     // A late exit record from before the repair looked was reported
     // already, and does not take a new process under the pid out; one
     // from a later process under the pid is reported.
-    Dispatch(ExitRecord(100, "gone", KAVO_TASK_PROCESS, beforeResync));
-    Dispatch(ExitRecord(200, "old", KAVO_TASK_PROCESS, beforeResync));
-    EXPECT_TRUE(client.Drain().empty());
-    EXPECT_EQ("new", Table()[200]);
+    for (auto [pid, comm] : {std::pair{100, "gone"}, {200, "old"}}) Dispatch(ExitRecord(pid, comm, KAVO_TASK_PROCESS, beforeResync));
+    EXPECT_TRUE(client.Drain().empty() && Table()[200] == "new");
     Dispatch(ExitRecord(100, "later", KAVO_TASK_PROCESS, BootNs()));
     EXPECT_EQ((Seen{{100, {"exited:later"}}}), ByPid(client.Drain()));
 
     log.Clear();
     Service()->resyncTaskTable(1);  // nothing changed since
-    EXPECT_TRUE(client.Drain().empty());
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][resyncTaskTable] lost records: 1, removed: 0, added: 0, "
-                            "replaced: 0, tasks: 8"));
+    EXPECT_TRUE(client.Drain().empty() && log.Count("[KavoBpfService][resyncTaskTable] lost records: 1, removed: 0, added: 0, replaced: 0, tasks: 8") == 1u);
   }, FakeProc());
 }
 
 TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
   RunInNamespace([] {
-    for (auto [pid, name] : {std::pair{700, "zombie-a"}, {701, "zombie-b"}, {702, "zombie-c"}, {703, "worker"}}) {
-      WriteProcess(pid, name, pid - 650, pid == 703 ? 'S' : 'Z');
-    }
+    for (auto [pid, name] : {std::pair{700, "zombie-a"}, {701, "zombie-b"}, {702, "zombie-c"}, {703, "worker"}}) WriteProcess(pid, name, pid - 650, pid == 703 ? 'S' : 'Z');
     Service()->initTaskInfo();
     EventSink client({KAVO_EVENT_TASK_INIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED});
     LogCapture log;
@@ -215,8 +192,7 @@ TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
     WriteProcess(701, "taker", 9000);
     RemoveFakeProcess(703);
     Service()->clearScanZombies();
-    EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}),
-              ByPid(client.Drain()));
+    EXPECT_EQ((Seen{{700, {"exited:zombie-a"}}, {701, {"exited:zombie-b", "init:taker", "created:taker"}}}), ByPid(client.Drain()));
     EXPECT_EQ((std::map<int, std::string>{{701, "taker"}, {702, "zombie-c"}, {703, "worker"}}), Table());
     EXPECT_EQ(1u, log.Count("[KavoBpfService][clearScanZombies] removed: 1, replaced: 1, tasks: 3", ANDROID_LOG_INFO));
     RemoveFakeProcess(702);
@@ -231,11 +207,7 @@ TEST(TaskResync, ZombiesOfTheScanLeaveOnceReaped) {
 // When a repair is due: 300 ms after the last loss of a burst (299, 300,
 // 301), or, for losses that never pause, a second after the first (999, 1000).
 TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
-  struct {
-    std::vector<int64_t> losses;
-    int64_t at;
-    bool due;
-  } cases[] = {{{}, 100000, false},      {{0, 200}, 499, false},           {{0, 200}, 500, true},
+  struct { std::vector<int64_t> losses; int64_t at; bool due; } cases[] = {{{}, 100000, false},      {{0, 200}, 499, false},           {{0, 200}, 500, true},
                {{0, 200}, 501, true},     {{0, 200, 400, 600, 800}, 999, false}, {{0, 200, 400, 600, 800}, 1000, true}};
   for (const auto& c : cases) {
     ResyncSchedule schedule;
@@ -255,8 +227,7 @@ TEST(RingLossWatch, WithoutACounterTheFullBitTellsOfLossesAndIsStillReported) {
   RunInNamespace([] {
     std::string why;
     if (!PinRingMaps(&why)) KAVO_KERNEL_SKIP(why);
-    const std::string ring = KavoBpfService::RINGBUF_MAP_PATH[0];
-    const std::string status = KavoBpfService::RINGBUF_STATUS_PATH[0];
+    const std::string ring = KavoBpfService::RINGBUF_MAP_PATH[0], status = KavoBpfService::RINGBUF_STATUS_PATH[0];
     android::base::SetProperty("sys.kavo_bpf_ready", "0");  // the producer thread holds
     ASSERT_TRUE(BpfServiceMain());
     LogCapture log;

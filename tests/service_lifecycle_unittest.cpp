@@ -48,8 +48,7 @@ void ExpectServed(uint32_t reqId) {
 void ExpectPromptStop() {
   auto before = std::chrono::steady_clock::now();
   KavoBpfService::GetInstance()->stop();
-  EXPECT_EQ(0, KavoBpfService::GetInstance()->Wait());
-  EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+  EXPECT_TRUE(KavoBpfService::GetInstance()->Wait() == 0 && std::chrono::steady_clock::now() - before < 2s);
   EXPECT_EQ(0, KavoBpfService::GetInstance()->Wait());  // again: at once
 }
 
@@ -60,8 +59,7 @@ TEST(ServiceLifecycle, OnlyExactlyOneDisablesAndAStopEndsTheReadyWait) {
       android::base::SetProperty("sys.kavo_bpf_ready", "0");
       LogCapture log;
       const bool disabled = std::string(value) == "1";
-      EXPECT_EQ(!disabled, BpfServiceMain()) << value;
-      EXPECT_EQ(disabled, log.Contains("[BpfServiceMain] Starting KAVO Bpf Service disabled!", ANDROID_LOG_INFO));
+      EXPECT_TRUE(BpfServiceMain() == !disabled && log.Contains("[BpfServiceMain] Starting KAVO Bpf Service disabled!", ANDROID_LOG_INFO) == disabled) << value;
       EXPECT_TRUE(log.Contains("[BpfServiceMain] Starting KAVO Bpf Service", ANDROID_LOG_INFO) &&
                   PathExists("/data/kavolog/stability/kavobpfframework") == !disabled);
       if (disabled) return;  // nothing started
@@ -79,8 +77,7 @@ TEST(ServiceLifecycle, OnlyExactlyOneDisablesAndAStopEndsTheReadyWait) {
 TEST(ServiceLifecycle, ReadyOnADeviceWithoutBpfFileSystemOrWritableData) {
   RunInNamespace([] {
     ASSERT_EQ(0, mount("tmpfs", "/sys/fs/bpf", "tmpfs", 0, "mode=0700")) << strerror(errno);
-    ASSERT_EQ(0, umount2("/data", MNT_DETACH));
-    ASSERT_EQ(0, mount("tmpfs", "/data", "tmpfs", MS_RDONLY, nullptr)) << strerror(errno);
+    ASSERT_TRUE(umount2("/data", MNT_DETACH) == 0 && mount("tmpfs", "/data", "tmpfs", MS_RDONLY, nullptr) == 0) << strerror(errno);
     android::base::SetProperty("sys.kavo_bpf_ready", "0");
     android::base::SetProperty("ro.kernel.version", "6.1");
     LogCapture log;
@@ -107,9 +104,8 @@ TEST(ServiceLifecycle, ReadyOnADeviceWithoutBpfFileSystemOrWritableData) {
     // Signals 50 to 54 (the monitors installed them before giving up): the
     // state record and the dumps of all tasks say why they wrote nothing.
     for (int signal = kSignalDumpState; signal <= kSignalDumpNonKernelTasksNormal; ++signal) {
-      uint64_t served = CompletedDumps();
-      ASSERT_EQ(0, kill(getpid(), signal));
-      EXPECT_TRUE(WaitUntil([served] { return CompletedDumps() > served; })) << "signal " << signal;
+      const uint64_t served = CompletedDumps();
+      EXPECT_TRUE(kill(getpid(), signal) == 0 && WaitUntil([served] { return CompletedDumps() > served; })) << "signal " << signal;
     }
     EXPECT_EQ(1u, log.Count("[KavoBpfDataState][DumpState] open file failed!", ANDROID_LOG_ERROR));
     EXPECT_TRUE(log.Count("failed to dump kavo task, error: ", ANDROID_LOG_ERROR) == 2u && !PathExists("/data/kavolog"));
@@ -128,10 +124,8 @@ TEST(ServiceLifecycle, RingSwitchesAndTheThrottledStatusCheck) {
     // Each switch flips its own bit: the kernel side's full bit, an unused
     // bit and the other ring stay as they were.
     ASSERT_TRUE(WriteControlWord(status0, 0x1 | 0x40));
-    EXPECT_TRUE(service->enableCoreBpf(0, true) && service->enableNormalBpf(0, true));
-    EXPECT_EQ(0x1 | 0x40 | 0x2 | 0x4, ReadControlWord(status0));
-    EXPECT_TRUE(service->enableCoreBpf(0, false));
-    EXPECT_TRUE(ReadControlWord(status0) == (0x1 | 0x40 | 0x4) && ReadControlWord(status1) == 0);
+    EXPECT_TRUE(service->enableCoreBpf(0, true) && service->enableNormalBpf(0, true) && ReadControlWord(status0) == (0x1 | 0x40 | 0x2 | 0x4));
+    EXPECT_TRUE(service->enableCoreBpf(0, false) && ReadControlWord(status0) == (0x1 | 0x40 | 0x4) && ReadControlWord(status1) == 0);
     for (int ring : {-1, 2}) EXPECT_FALSE(service->enableCoreBpf(ring, true) || service->enableNormalBpf(ring, true) || service->checkBpfRingBuffStatus(ring, true));
     // Two threads flipping different bits never lose each other's.
     std::thread core([service] { for (int i = 0; i < 500; ++i) service->enableCoreBpf(1, i % 2 == 0); });
@@ -143,12 +137,10 @@ TEST(ServiceLifecycle, RingSwitchesAndTheThrottledStatusCheck) {
     // a look a full bit waits, at 30 and 31 s it is reported and cleared
     // (the producers stay on). A forced check looks at once.
     LogCapture log;
-    for (auto step : std::vector<std::pair<time_t, bool>>{
-             {1700000000, true}, {1700000029, false}, {1700000030, true}, {1700000061, true}, {1700000062, false}}) {
-      gWallClock = step.first;
+    for (auto [at, looks] : {std::pair{1700000000, true}, {1700000029, false}, {1700000030, true}, {1700000061, true}, {1700000062, false}}) {
+      gWallClock = at;
       ASSERT_TRUE(WriteControlWord(status0, KAVO_RING_FULL_BIT | 0x4));
-      EXPECT_EQ(!step.second, service->checkBpfRingBuffStatus(0, false)) << step.first;
-      EXPECT_EQ(step.second ? 0x4 : 0x5, ReadControlWord(status0)) << step.first;
+      EXPECT_TRUE(service->checkBpfRingBuffStatus(0, false) == !looks && ReadControlWord(status0) == (looks ? 0x4 : 0x5)) << at;
     }
     EXPECT_TRUE(!service->checkBpfRingBuffStatus(0, true) && service->checkBpfRingBuffStatus(0, true));
     for (const char* line : {"bpf ringbuff full!", "avail data: "}) {
@@ -160,14 +152,10 @@ TEST(ServiceLifecycle, RingSwitchesAndTheThrottledStatusCheck) {
 
 // Which programs a kernel takes, by the version conditions of the catalogue.
 TEST(ServiceLifecycle, KernelVersionConditions) {
+  // Unset counts as 0.0; a damaged property takes nothing, and ends no thread.
   struct { const char* kernel; std::vector<const char*> pass, fail; } cases[] = {
-      {"5.10", {"5.9+", "5.10+", "5.10-", "5.11-", "5.4-5.10", "5.10-5.15", "5.10"},
-       {"5.11+", "5.9-", "5.4-5.9", "5.11-6.1", "5.9", ""}},
-      {"5.15.78", {"5.15"}, {"5.16+"}},
-      {"6", {"6.0"}, {"6.1+"}},
-      {"", {"0.0"}, {"5.0+"}},     // unset counts as 0.0
-      {"five.ten", {}, {"5.0+"}},  // a damaged property takes nothing, and ends no thread
-  };
+      {"5.10", {"5.9+", "5.10+", "5.10-", "5.11-", "5.4-5.10", "5.10-5.15", "5.10"}, {"5.11+", "5.9-", "5.4-5.9", "5.11-6.1", "5.9", ""}},
+      {"5.15.78", {"5.15"}, {"5.16+"}}, {"6", {"6.0"}, {"6.1+"}}, {"", {"0.0"}, {"5.0+"}}, {"five.ten", {}, {"5.0+"}}};
   for (const auto& c : cases) {
     android::base::SetProperty("ro.kernel.version", c.kernel);
     for (const char* condition : c.pass) EXPECT_TRUE(CheckBpfCompatibility(condition)) << c.kernel << " " << condition;
@@ -193,12 +181,11 @@ TEST(ServiceLifecycle, DispatchOfRecordsByType) {
   uint64_t before[KAVO_EVENT_RAW_MAX + 1];
   for (int type = 0; type <= KAVO_EVENT_RAW_MAX; ++type) before[type] = Counted(type);
   for (uint32_t type : {8u, 9u}) {
-    EXPECT_EQ(-1, Dispatch(kavo_event_header{type, 0, 1}));
-    EXPECT_TRUE(log.Contains("[KavoBpfService] handleEvent ERROR!!! Type: " + std::to_string(type), ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Dispatch(kavo_event_header{type, 0, 1}) == -1 && log.Contains("[KavoBpfService] handleEvent ERROR!!! Type: " + std::to_string(type), ANDROID_LOG_ERROR));
   }
   // A record too short to hold a type is refused the same way, without a read past it.
-  EXPECT_EQ(-1, DispatchBytes(std::string("\x05\x00", 2)));
-  EXPECT_TRUE(log.Contains("[KavoBpfService] handleEvent ERROR!!! Size: 2", ANDROID_LOG_ERROR) && subscriber.Drain().empty());
+  EXPECT_TRUE(DispatchBytes(std::string("\x05\x00", 2)) == -1 && log.Contains("[KavoBpfService] handleEvent ERROR!!! Size: 2", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(subscriber.Drain().empty());
   for (int type = 0; type <= KAVO_EVENT_RAW_MAX; ++type) EXPECT_EQ(before[type], Counted(type)) << type;
 }
 

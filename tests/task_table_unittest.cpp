@@ -29,10 +29,7 @@ KavoTask Task(int pid) {
 
 // |n| threads of |pid| start (or end, n < 0) at |time|.
 void Threads(int pid, int n, uint64_t time) {
-  for (int i = 0; i < std::abs(n); ++i) {
-    n > 0 ? Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time))
-          : Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
-  }
+  for (int i = 0; i < std::abs(n); ++i) n > 0 ? Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time)) : Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
 }
 
 std::string ThreadReport(int oldCount, int count) {
@@ -48,21 +45,19 @@ std::string MemoryReport(std::vector<int64_t> sizes, std::vector<int64_t> oldSiz
 
 TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
   RunInNamespace([] {
-    EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED,
-                    KAVO_EVENT_MEMORY_CHANGED});
+    EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
     // A new process; a second fork record for the pid changes nothing.
     Dispatch(ForkRecord(5000, 4000, "app_process", KAVO_TASK_PROCESS, kT0));
     Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
-    EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})},
-              sink.Drain());
+    EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})}, sink.Drain());
     EXPECT_TRUE(Task(5000).firstSeenNs == static_cast<int64_t>(kT0) && Task(5000).initTimeStamp > 0);
     EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 0 rss 0,0,0,0 old 0,0,0,0"));
 
     // Threads: nothing before 3 s however many; then only a change of more than 10.
     // Threads started or ended, with what a client then sees.
-    for (auto [n, ms, seen] : {std::tuple{11, 2999, Records{}}, {-1, 3000, Records{}} /* a change of 10 */,
-                               {1, 3000, Records{ThreadReport(1, 12)}} /* of 11 */, {-10, 3001, Records{}},
-                               {-1, 3001, Records{ThreadReport(12, 1)}}}) {
+    // (At 3000 ms: a change of 10, then of 11.)
+    for (auto [n, ms, seen] : {std::tuple{11, 2999, Records{}}, {-1, 3000, Records{}}, {1, 3000, Records{ThreadReport(1, 12)}},
+                               {-10, 3001, Records{}}, {-1, 3001, Records{ThreadReport(12, 1)}}}) {
       Threads(5000, n, kT0 + ms * kMs);
       EXPECT_EQ(seen, sink.Drain()) << n << " at " << ms << " ms";
     }
@@ -77,8 +72,7 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     Dispatch(RssRecord(5000, KAVO_RSS_FILE, 8192, kT0 + 3000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, 1 << 20, 0, 0}, {0, 0, 0, 0})}, sink.Drain());
     // Small changes add up from the reported level: 16383 bytes are not enough, 16384 are.
-    Dispatch(RssRecord(5000, KAVO_RSS_ANON, (1 << 20) + 8192, kT0 + 4000 * kMs));
-    Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8191, kT0 + 4000 * kMs));
+    for (auto [member, size] : {std::pair{int(KAVO_RSS_ANON), (1 << 20) + 8192}, {KAVO_RSS_SHMEM, 8191}}) Dispatch(RssRecord(5000, member, size, kT0 + 4000 * kMs));
     EXPECT_TRUE(sink.Drain().empty());
     Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8192, kT0 + 4000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, (1 << 20) + 8192, 0, 8192}, {8192, 1 << 20, 0, 0})}, sink.Drain());
@@ -86,12 +80,10 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
     for (auto [member, size] : {std::pair{int(KAVO_RSS_ANON), -1}, {4, 1 << 30}, {-1, 1 << 30}}) Dispatch(RssRecord(5000, member, size, kT0 + 5000 * kMs));
     DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
     EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 "
-                                      "rss 8192,1056768,0,8192 old 8192,1056768,0,8192 start "));
+    EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 rss 8192,1056768,0,8192 old 8192,1056768,0,8192 start "));
 
     // A task-init record replaces the record whole; swap and shared memory trade places.
-    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
-                                  1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
+    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded", 1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
     EXPECT_EQ("init_seeded 5000 ppid 1 uid 1000 threads 4/4 mm 0 rss 1048576,2097152,4194304,3145728 "
               "old 1048576,2097152,4194304,3145728 start 1700000000", TaskLine(5000));
     EXPECT_EQ(123, Task(5000).firstSeenNs);
@@ -104,57 +96,45 @@ TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
 
     // Records of no known kind are errors and change nothing.
     LogCapture log;
-    Dispatch(ForkRecord(5001, 1, "odd", 3, kT0));
-    Dispatch(ExitRecord(5001, "odd", 0, kT0));
-    for (const char* what : {"Create raw event (SCHED__TASK_CREATE)", "Exit raw event (SCHED__TASK_EXIT)"}) {
-      EXPECT_TRUE(log.Contains(std::string("[KavoBpfService] Task ") + what + " error!", ANDROID_LOG_ERROR)) << what;
-    }
+    Dispatch(ForkRecord(5001, 1, "odd", 3, kT0)), Dispatch(ExitRecord(5001, "odd", 0, kT0));
+    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR) &&
+                log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
     EXPECT_TRUE(sink.Drain().empty() && KavoTaskManager::GetInstance()->GetKavoTaskCount() == 0u);
 
     // Parent unknown to the kernel: asked of /proc; a process gone meanwhile keeps the record's.
     WriteFakeProcess({6000, "realname", 33});
-    Dispatch(ForkRecord(6000, 0, "forkname", KAVO_TASK_PROCESS, kT0));
-    Dispatch(ForkRecord(6001, 0, "gone", KAVO_TASK_PROCESS, kT0));
+    for (auto [pid, comm] : {std::pair{6000, "forkname"}, {6001, "gone"}}) Dispatch(ForkRecord(pid, 0, comm, KAVO_TASK_PROCESS, kT0));
     EXPECT_EQ((Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6000, 33, 10001, "realname"}),
-                       Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6001, 0, 10001, "gone"})}),
-              sink.Drain());
+                       Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6001, 0, 10001, "gone"})}), sink.Drain());
   }, FakeProc());
 }
 
 TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
   RunInNamespace([] {
     EventSink sink({KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
-    struct {
-      int pid, ppid;
-      const char* comm;
-      bool reported;
-    } cases[] = {{0, 1, "idle", false},       {1, 0, "init", true},          {300, 1, "early", false},
-                 {301, 1, "app", true},        {9100, 1, "sh", false},        {9101, 1, "shell_daemon", false},
-                 {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false}, {9104, 1, "dumpsysx", false},
-                 {9105, 1, "bash", true},      {9106, 1, "dumpsy", true}};
+    struct { int pid, ppid; const char* comm; bool reported; } cases[] = {
+        {0, 1, "idle", false},       {1, 0, "init", true},           {300, 1, "early", false},     {301, 1, "app", true},
+        {9100, 1, "sh", false},      {9101, 1, "shell_daemon", false}, {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false},
+        {9104, 1, "dumpsysx", false}, {9105, 1, "bash", true},        {9106, 1, "dumpsy", true}};
     for (const auto& c : cases) {
       Dispatch(ForkRecord(c.pid, c.ppid, c.comm, KAVO_TASK_PROCESS, kT0));
       Dispatch(RssRecord(c.pid, KAVO_RSS_ANON, 1 << 20, kT0 + 5000 * kMs));
-      EXPECT_EQ(c.reported ? 1u : 0u, sink.Drain().size()) << c.pid << " " << c.comm;
-      EXPECT_EQ(1 << 20, Task(c.pid).rssSize[KAVO_RSS_ANON]) << c.pid;  // kept either way
+      // Kept either way.
+      EXPECT_TRUE(sink.Drain().size() == (c.reported ? 1u : 0u) && Task(c.pid).rssSize[KAVO_RSS_ANON] == 1 << 20) << c.pid << " " << c.comm;
     }
 
     // Times and sizes as far apart as 64 bits allow (no kernel writes them,
     // but records are read as they come): too young to report, no overflow.
-    Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63));
-    Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
+    Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63)), Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
     Threads(4242, 12, (1ull << 63) - 1);
-    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0});
-    Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
+    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0}), Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
     EXPECT_TRUE(sink.Drain().empty());
 
     // A process still called "main" takes its name and parent from /proc
     // at its first record, then again only once 3 s have passed on the
     // seconds clock (moved here by its base).
-    FakeProcess p{9500, "main", 700};
-    WriteFakeProcess(p);
-    Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0));
-    Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
+    WriteFakeProcess({9500, "main", 700});
+    Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0)), Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
     EXPECT_EQ(700, Task(9500).ppid);
     const int64_t refreshed = Task(9500).lastInfoTime;
     WriteFakeProcess({9500, "main", 701});
@@ -167,8 +147,7 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
     // its name and is not asked again within 3 s.
     Dispatch(ForkRecord(9501, 600, "re-initialized>", KAVO_TASK_PROCESS, kT0));
     LogCapture log;
-    Dispatch(RssRecord(9501, KAVO_RSS_ANON, 4096, kT0 + kMs));
-    Dispatch(RssRecord(9501, KAVO_RSS_ANON, 8192, kT0 + kMs));
+    for (int size : {4096, 8192}) Dispatch(RssRecord(9501, KAVO_RSS_ANON, size, kT0 + kMs));
     EXPECT_TRUE(log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN) == 1u && Task(9501).comm == std::string("re-initialized>"));
   }, FakeProc());
 }
@@ -178,8 +157,7 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
 // derived), batch after batch, a record bigger than any batch included.
 TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
   RunInNamespace([] {
-    EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
-                         KAVO_EVENT_PROCESS_EXITED}, 1000);
+    EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}, 1000);
     EventSink memory({KAVO_EVENT_RSS_STAT}, 1002);
     Records toProcesses, toMemory;
     kavo_process_exited_event late = {KAVO_EVENT_PROCESS_EXITED, 9999, "late"};
@@ -204,12 +182,10 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
         }
       }
       batch.flush();  // everything made so far is queued, nothing waits
-      EXPECT_EQ(toProcesses, processes.Drain());
-      EXPECT_EQ(toMemory, memory.Drain());
+      EXPECT_TRUE(toProcesses == processes.Drain() && toMemory == memory.Drain());
       EventManager::GetInstance()->AppendEvent(reinterpret_cast<char*>(&late), sizeof(late));
     }
-    EXPECT_EQ(Records{Bytes(late)}, processes.Drain());
-    EXPECT_TRUE(memory.Drain().empty());
+    EXPECT_TRUE(processes.Drain() == Records{Bytes(late)} && memory.Drain().empty());
   });
 }
 
