@@ -100,19 +100,14 @@ TEST(ClientBadInput, DamagedFramesAndStrangePackagesCostOnlyTheirOwnBytes) {
     ASSERT_TRUE(noisy.Connect() && bystander.Connect() && bystander.Send(RequestFrame(1, 51, KAVO_EVENT_CGROUP_ATTACH)));
     ExpectAnswers(bystander, {{1, 0}});
 
-    // Garbage announcing 2.7 GB, one byte more than the buffer, a size that
-    // wraps the 32-bit total: each drops what is buffered, on the record.
-    const std::string noise = U32(0xA5A5A5A5) + std::string(296, '\x5a');
-    const std::pair<std::string, std::string> damaged[] = {
-        {noise, "packageSize: 2779096489, cursor: 0, data: 300, bufferSize: 32768, Buffer hexdump: a5 a5 a5 a5 "},
-        {U32(32765), "packageSize: 32769, cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: fd 7f 00 00 \n"},
-        {U32(0xFFFFFFFD), "packageSize: 1, cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: fd ff ff ff \n"}};
-    for (const auto& [bytes, record] : damaged) {
-      ASSERT_TRUE(noisy.Send(bytes));
-      EXPECT_TRUE(WaitUntil([&] { return ReadFile(KAVO_ERROR_LOG_PATH).find("ErrorCode: 2\nError: Ipc package damage, " + record) != std::string::npos; }))
-          << record;
-    }
-    EXPECT_EQ(3u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
+    // Garbage announcing 2.7 GB drops what is buffered, on the record (the
+    // sizes around the buffer's own are the framework's story).
+    ASSERT_TRUE(noisy.Send(U32(0xA5A5A5A5) + std::string(296, '\x5a')));
+    EXPECT_TRUE(WaitUntil([] {
+      return ReadFile(KAVO_ERROR_LOG_PATH).find("ErrorCode: 2\nError: Ipc package damage, packageSize: 2779096489, cursor: 0, data: 300, "
+                                                "bufferSize: 32768, Buffer hexdump: a5 a5 a5 a5 ") != std::string::npos;
+    }));
+    EXPECT_EQ(1u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 
     // Packages only the service sends, the reserved type, a type that does
     // not exist, frames too short for a package header: ignored, unanswered.
