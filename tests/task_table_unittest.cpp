@@ -22,10 +22,8 @@ using Records = std::vector<std::string>;
 constexpr uint64_t kMs = 1000000ull;
 constexpr uint64_t kT0 = 5000000 * kMs;  // boot time of the first fork
 
-KavoTask Task(int pid) {
-  KavoTask* task = KavoTaskManager::GetInstance()->GetKavoTask(pid);
-  return task == nullptr ? KavoTask{} : *task;
-}
+// A copy of |pid|'s record, or an empty one.
+KavoTask Task(int pid) { return KavoTaskManager::GetInstance()->GetKavoTask(pid) ? *KavoTaskManager::GetInstance()->GetKavoTask(pid) : KavoTask{}; }
 
 // |n| threads of |pid| start (or end, n < 0) at |time|.
 void Threads(int pid, int n, uint64_t time) {
