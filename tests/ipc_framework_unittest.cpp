@@ -36,10 +36,16 @@ bool NewestLoss(int code, const std::string& text) {
   return gLosses.find("----------\nErrorCode: " + std::to_string(code) + "\nError: " + text) == 0;
 }
 
-TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
-  kavo::test::LogCapture log;
+// An empty buffer of the size the service and the client library use.
+BufferState SendBuffer() {
   BufferState buffer;
   buffer.buffer.resize(32768);
+  return buffer;
+}
+
+TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
+  kavo::test::LogCapture log;
+  BufferState buffer = SendBuffer();
   unsigned header = 0, size = 0;
   // By announced size: whole once all of it is there (the header alone for
   // an empty package, the whole buffer for the largest), or damaged at once.
@@ -47,19 +53,15 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
     SCOPED_TRACE(announced);
     buffer.resetCursors();
     ASSERT_TRUE(buffer.write(U32(announced).data(), 4));
-    if (announced <= 32764) {
-      buffer.bufferDataCursor = 3 + announced;
-      EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
-      buffer.bufferDataCursor = 4 + announced;
-      EXPECT_TRUE(CheckIpcPackageComplete(&buffer, &header, &size));
-      EXPECT_EQ(std::make_pair(4u, announced), std::make_pair(header, size));
-      continue;
+    for (unsigned held = 3 + announced; announced <= 32764 && held <= 4 + announced; ++held) {
+      buffer.bufferDataCursor = held;
+      EXPECT_EQ(held == 4 + announced, CheckIpcPackageComplete(&buffer, &header, &size) && header == 4 && size == announced) << held;
     }
-    EXPECT_FALSE(CheckIpcPackageComplete(&buffer, &header, &size));
-    EXPECT_EQ(0u, buffer.bufferDataCursor);  // the connection's bytes are gone, not the connection
-    EXPECT_TRUE(NewestLoss(2, "Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) +
-                                  ", cursor: 0, data: 4, bufferSize: 32768, Buffer hexdump: " +
-                                  Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4) + "\n"));
+    if (announced <= 32764) continue;
+    // The connection's bytes are gone, not the connection.
+    EXPECT_TRUE(!CheckIpcPackageComplete(&buffer, &header, &size) && buffer.bufferDataCursor == 0u);
+    EXPECT_TRUE(NewestLoss(2, "Ipc package damage, packageSize: " + std::to_string(uint32_t(announced + 4)) + ", cursor: 0, data: 4, bufferSize: 32768, "
+                              "Buffer hexdump: " + Kavo::Bpf::ConvertToHexString(U32(announced).data(), 4) + "\n"));
   }
   EXPECT_EQ(2u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 }
@@ -67,13 +69,11 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
 // Everything queued, as the client reads it, one 32768-byte send buffer after another.
 std::string Drain(IpcPackageManager* queue, bool inOneGo) {
   std::string sent;
-  BufferState buffer;
-  buffer.buffer.resize(32768);
+  BufferState buffer = SendBuffer();
   for (int round = 0; round < 1000 && queue->getIpcPackageCount() != 0; ++round) {
     buffer.resetCursors();
     if (inOneGo) queue->fillNextIpcPackagesToBuffer(&buffer);
-    while (!inOneGo && queue->fillNextIpcPackageToBuffer(&buffer)) {
-    }
+    while (!inOneGo && queue->fillNextIpcPackageToBuffer(&buffer)) {}
     sent.append(buffer.data(), buffer.bufferDataCursor);
   }
   return sent;
@@ -95,8 +95,7 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
       // Up to 10001 queued nothing is cut; the append that finds 10001 cuts the queue to its 5000 newest.
       EXPECT_TRUE(i < 10000 || queue.getIpcPackageCount() == (i <= 10001 ? i : 5001u)) << i << ": " << queue.getIpcPackageCount();
     }
-    EXPECT_EQ(1u, log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(NewestLoss(code, "B&A Ipc Package queue full 10000\n"));
+    EXPECT_TRUE(log.Count(prefix + " ipc Package Queue too big: 10001", ANDROID_LOG_ERROR) == 1u && NewestLoss(code, "B&A Ipc Package queue full 10000\n"));
     const std::string sent = Drain(&queue, false);
     EXPECT_TRUE(sent.find(U32(5001)) == std::string::npos && sent.find(U32(5002)) < sent.find(U32(10002)));
   }
@@ -105,24 +104,19 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   // never be sent and goes on the record; one byte short of room, the next
   // package waits for a drained buffer.
   IpcPackageManager queue;
-  EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, nullptr, 0));  // no such type: nothing queued
   std::string big(32765, 'b');
-  queue.buildAndAppendIpcPackage(&big[0], 32764);
-  queue.buildAndAppendIpcPackage(&big[0], 32765);
+  for (unsigned size : {32764u, 32765u}) queue.buildAndAppendIpcPackage(&big[0], size);
   queue.buildAndAppendSecondIpcPackage(3, &big[0], 10);
-  BufferState buffer;
-  buffer.buffer.resize(32768);
+  BufferState buffer = SendBuffer();
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer) && buffer.bufferDataCursor == 32768);
   buffer.resetCursors();
-  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
-  EXPECT_TRUE(NewestLoss(8, "fillNextIpcPackageToBuffer ipc package damaged\n"));
-  buffer.bufferDataCursor = 32768 - 21;
-  EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
-  buffer.bufferDataCursor = 32768 - 22;
-  EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+  EXPECT_TRUE(!queue.fillNextIpcPackageToBuffer(&buffer) && NewestLoss(8, "fillNextIpcPackageToBuffer ipc package damaged\n"));
+  for (unsigned room : {21u, 22u}) {  // the next package takes 22 bytes
+    buffer.bufferDataCursor = 32768 - room;
+    EXPECT_EQ(room == 22, queue.fillNextIpcPackageToBuffer(&buffer)) << room;
+  }
   queue.buildAndAppendIpcPackage(&big[0], 32765);
-  EXPECT_FALSE(queue.fillIpcPackageToBuffer(&buffer));
-  EXPECT_TRUE(NewestLoss(7, "fillIpcPackageToBuffer ipc package damaged\n"));
+  EXPECT_TRUE(!queue.fillIpcPackageToBuffer(&buffer) && NewestLoss(7, "fillIpcPackageToBuffer ipc package damaged\n"));
 
   // Events queued in batches and packed in one go reach the client as the
   // same bytes, trims and records as one at a time, across the queue's blocks.
@@ -131,18 +125,14 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   std::vector<KavoIpcBytes> bodies;
   for (uint32_t i = 0; i < 15003; ++i) events.push_back(i == 12000 ? big : U32(i) + std::string(i % 50, char(i)));
   const size_t trims = log.Count("[AppendSecondIpc]"), records = gLosses.size();
-  for (std::string& e : events) {
-    bodies.push_back({e.data(), uint32_t(e.size())});
-    oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
-  }
+  for (std::string& e : events) bodies.push_back({e.data(), uint32_t(e.size())}), oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
   const std::string expected = Drain(&oneByOne, false), lost = gLosses;
   for (size_t at = 0; at < bodies.size(); at += 7) batched.buildAndAppendSecondIpcPackages(3, &bodies[at], std::min<size_t>(7, bodies.size() - at));
   EXPECT_TRUE(expected == Drain(&batched, true));
   EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));  // two trims each
   EXPECT_EQ(lost.substr(0, lost.size() - records), gLosses.substr(0, lost.size() - records));
   // The newest 5001 survive; the one too big for any send buffer is dropped.
-  EXPECT_EQ(0u, expected.find(PackageFrame(3, events[10002])));
-  EXPECT_EQ(expected.size() - 18, expected.find(PackageFrame(3, events.back())));
+  EXPECT_TRUE(expected.find(PackageFrame(3, events[10002])) == 0 && expected.find(PackageFrame(3, events.back())) == expected.size() - 18);
 }
 
 TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
@@ -157,8 +147,7 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     std::vector<uint32_t> calls;  // the events each callback was called with
     std::atomic<int> rounds{3};
     EpollManager loop(10, 32, nullptr, "IpcFrameworkTest", cpus, -1);
-    EXPECT_FALSE(loop.notifyWriteEventReady(pair[0]));
-    EXPECT_TRUE(log.Contains("[EpollManager][notifyWriteEventReady] the socket fd does not exist"));
+    EXPECT_TRUE(!loop.notifyWriteEventReady(pair[0]) && log.Contains("[EpollManager][notifyWriteEventReady] the socket fd does not exist"));
     // Three rounds of data, then nothing left: write interest is dropped, so
     // the next readable event comes without EPOLLOUT.
     EpollCallback callbacks;
@@ -168,30 +157,24 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     loop.start();
     ASSERT_TRUE(loop.notifyWriteEventReady(pair[0]));
     auto called = [&](size_t n) { return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return calls.size() >= n; }); };
-    ASSERT_TRUE(called(3));
-    ASSERT_EQ(1, write(pair[1], "x", 1));
-    ASSERT_TRUE(called(4));
+    ASSERT_TRUE(called(3) && write(pair[1], "x", 1) == 1 && called(4));
     EXPECT_EQ((std::vector<uint32_t>{EPOLLOUT, EPOLLOUT, EPOLLOUT, EPOLLIN}), calls);
     loop.stop();
 
     // A peer that reads nothing: ten yields, one more try after a second's
     // pause, then the unsent bytes are dropped and on the record.
     UnixIpcManager endpoint(true, 32768, "kavo_unused", IpcHandlerState(), "IpcFrameworkTest", cpus, 10, 32);
-    while (send(pair[0], scratch.data(), 4096, MSG_DONTWAIT) > 0) {
-    }
-    BufferState buffer;
-    buffer.buffer.resize(32768);
+    while (send(pair[0], scratch.data(), 4096, MSG_DONTWAIT) > 0) {}
+    BufferState buffer = SendBuffer();
     buffer.bufferDataCursor = 32768;
     EXPECT_FALSE(endpoint.ensureDataSend(pair[0], &buffer));
-    EXPECT_TRUE(log.Contains("[UnixIpcManager] Socket buffer full! tryCount: 11", ANDROID_LOG_WARN) && !log.Contains("tryCount: 12"));
-    EXPECT_TRUE(log.Contains("[UnixIpcManager] Clear send buffer"));
+    EXPECT_TRUE(log.Contains("[UnixIpcManager] Socket buffer full! tryCount: 11", ANDROID_LOG_WARN) && !log.Contains("tryCount: 12") &&
+                log.Contains("[UnixIpcManager] Clear send buffer"));
     EXPECT_TRUE(NewestLoss(1, "Send data 10 times failed. bufferCursor: 0, bufferDataCursor: 32768\n"));
     // Once the peer reads again, what is sent next reaches it.
-    while (recv(pair[1], &scratch[0], scratch.size(), MSG_DONTWAIT) > 0) {
-    }
+    while (recv(pair[1], &scratch[0], scratch.size(), MSG_DONTWAIT) > 0) {}
     ASSERT_TRUE(buffer.bufferDataCursor == 0 && buffer.write("alive", 5));
-    EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer));
-    EXPECT_EQ(5, recv(pair[1], &scratch[0], scratch.size(), 0));
+    EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer) && recv(pair[1], &scratch[0], scratch.size(), 0) == 5);
     EXPECT_FALSE(kavo::test::PathExists("/data/kavolog"));
     for (int fd : pair) close(fd);
   });

@@ -22,18 +22,12 @@ using Records = std::vector<std::string>;
 constexpr uint64_t kMs = 1000000ull;
 constexpr uint64_t kT0 = 5000000 * kMs;  // boot time of the first fork
 
-KavoTask Task(int pid) {
-  KavoTask* task = KavoTaskManager::GetInstance()->GetKavoTask(pid);
-  return task == nullptr ? KavoTask{} : *task;
-}
-
+// A copy of |pid|'s record, or an empty one.
+KavoTask Task(int pid) { return KavoTaskManager::GetInstance()->GetKavoTask(pid) ? *KavoTaskManager::GetInstance()->GetKavoTask(pid) : KavoTask{}; }
 
 // |n| threads of |pid| start (or end, n < 0) at |time|.
 void Threads(int pid, int n, uint64_t time) {
-  for (int i = 0; i < std::abs(n); ++i) {
-    n > 0 ? Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time))
-          : Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
-  }
+  for (int i = 0; i < std::abs(n); ++i) n > 0 ? Dispatch(ForkRecord(pid, pid, "app", KAVO_TASK_THREAD, time)) : Dispatch(ExitRecord(pid, "app", KAVO_TASK_THREAD, time));
 }
 
 std::string ThreadReport(int oldCount, int count) {
@@ -49,128 +43,99 @@ std::string MemoryReport(std::vector<int64_t> sizes, std::vector<int64_t> oldSiz
 
 TEST(TaskEvents, AProcessLifeThroughTheHandlers) {
   RunInNamespace([] {
-    EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED,
-                    KAVO_EVENT_MEMORY_CHANGED});
+    EventSink sink({KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
     // A new process; a second fork record for the pid changes nothing.
     Dispatch(ForkRecord(5000, 4000, "app_process", KAVO_TASK_PROCESS, kT0));
     Dispatch(ForkRecord(5000, 4001, "again", KAVO_TASK_PROCESS, kT0));
-    EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})},
-              sink.Drain());
-    EXPECT_EQ(static_cast<int64_t>(kT0), Task(5000).firstSeenNs);
+    EXPECT_EQ(Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 5000, 4000, 10001, "app_process"})}, sink.Drain());
+    EXPECT_TRUE(Task(5000).firstSeenNs == static_cast<int64_t>(kT0) && Task(5000).initTimeStamp > 0);
     EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 0 rss 0,0,0,0 old 0,0,0,0"));
-    EXPECT_GT(Task(5000).initTimeStamp, 0);
 
     // Threads: nothing before 3 s however many; then only a change of more than 10.
-    Threads(5000, 11, kT0 + 2999 * kMs);
-    Threads(5000, -1, kT0 + 3000 * kMs);  // a change of 10
-    EXPECT_TRUE(sink.Drain().empty());
-    Threads(5000, 1, kT0 + 3000 * kMs);  // of 11
-    EXPECT_EQ(Records{ThreadReport(1, 12)}, sink.Drain());
-    Threads(5000, -10, kT0 + 3001 * kMs);
-    EXPECT_TRUE(sink.Drain().empty());
-    Threads(5000, -1, kT0 + 3001 * kMs);
-    EXPECT_EQ(Records{ThreadReport(12, 1)}, sink.Drain());
+    // Threads started or ended, with what a client then sees.
+    // (At 3000 ms: a change of 10, then of 11.)
+    for (auto [n, ms, seen] : {std::tuple{11, 2999, Records{}}, {-1, 3000, Records{}}, {1, 3000, Records{ThreadReport(1, 12)}},
+                               {-10, 3001, Records{}}, {-1, 3001, Records{ThreadReport(12, 1)}}}) {
+      Threads(5000, n, kT0 + ms * kMs);
+      EXPECT_EQ(seen, sink.Drain()) << n << " at " << ms << " ms";
+    }
     // Threads no later than the record's first sight, or of unknown pids, do not count.
     Dispatch(ForkRecord(5000, 5000, "app", KAVO_TASK_THREAD, kT0));
     Dispatch(ForkRecord(5999, 5999, "nobody", KAVO_TASK_THREAD, kT0 + 9000 * kMs));
-    EXPECT_EQ(1, Task(5000).threadNum);
-    EXPECT_EQ(nullptr, KavoTaskManager::GetInstance()->GetKavoTask(5999));
-    sink.Drain();
+    EXPECT_TRUE(Task(5000).threadNum == 1 && KavoTaskManager::GetInstance()->GetKavoTask(5999) == nullptr);
 
     // Memory: too young at 2.999 s but kept; at 3 s the whole change since creation.
     Dispatch(RssRecord(5000, KAVO_RSS_ANON, 1 << 20, kT0 + 2999 * kMs));
-    EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(1000u, Task(5000).mmId);
+    EXPECT_TRUE(sink.Drain().empty() && Task(5000).mmId == 1000u);
     Dispatch(RssRecord(5000, KAVO_RSS_FILE, 8192, kT0 + 3000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, 1 << 20, 0, 0}, {0, 0, 0, 0})}, sink.Drain());
     // Small changes add up from the reported level: 16383 bytes are not enough, 16384 are.
-    Dispatch(RssRecord(5000, KAVO_RSS_ANON, (1 << 20) + 8192, kT0 + 4000 * kMs));
-    Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8191, kT0 + 4000 * kMs));
+    for (auto [member, size] : {std::pair{int(KAVO_RSS_ANON), (1 << 20) + 8192}, {KAVO_RSS_SHMEM, 8191}}) Dispatch(RssRecord(5000, member, size, kT0 + 4000 * kMs));
     EXPECT_TRUE(sink.Drain().empty());
     Dispatch(RssRecord(5000, KAVO_RSS_SHMEM, 8192, kT0 + 4000 * kMs));
     EXPECT_EQ(Records{MemoryReport({8192, (1 << 20) + 8192, 0, 8192}, {8192, 1 << 20, 0, 0})}, sink.Drain());
     // Damaged records are dropped: a negative size, members out of range, a short record.
-    for (auto rss : {RssRecord(5000, KAVO_RSS_ANON, -1, kT0 + 5000 * kMs), RssRecord(5000, 4, 1 << 30, kT0 + 5000 * kMs),
-                     RssRecord(5000, -1, 1 << 30, kT0 + 5000 * kMs)}) Dispatch(rss);
+    for (auto [member, size] : {std::pair{int(KAVO_RSS_ANON), -1}, {4, 1 << 30}, {-1, 1 << 30}}) Dispatch(RssRecord(5000, member, size, kT0 + 5000 * kMs));
     DispatchBytes(Bytes(RssRecord(5000, KAVO_RSS_FILE, 1 << 30, kT0 + 5000 * kMs)).substr(0, 31));
     EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 "
-                                      "rss 8192,1056768,0,8192 old 8192,1056768,0,8192 start "));
+    EXPECT_EQ(0u, TaskLine(5000).find("app_process 5000 ppid 4000 uid 10001 threads 1/1 mm 1000 rss 8192,1056768,0,8192 old 8192,1056768,0,8192 start "));
 
     // A task-init record replaces the record whole; swap and shared memory trade places.
-    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded",
-                                  1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
+    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 123}, 5000, 1, 1000, 4, "init_seeded", 1 << 20, 2 << 20, 3 << 20, 4 << 20, 1700000000});
     EXPECT_EQ("init_seeded 5000 ppid 1 uid 1000 threads 4/4 mm 0 rss 1048576,2097152,4194304,3145728 "
               "old 1048576,2097152,4194304,3145728 start 1700000000", TaskLine(5000));
     EXPECT_EQ(123, Task(5000).firstSeenNs);
 
     // Exits: with the exit record's name; an unknown pid is reported too.
-    Dispatch(ExitRecord(5000, "renamed", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
-    Dispatch(ExitRecord(5998, "stranger", KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
+    for (auto [pid, comm] : {std::pair{5000, "renamed"}, {5998, "stranger"}}) Dispatch(ExitRecord(pid, comm, KAVO_TASK_PROCESS, kT0 + 6000 * kMs));
     EXPECT_EQ((Records{Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5000, "renamed"}),
                        Bytes(kavo_process_exited_event{KAVO_EVENT_PROCESS_EXITED, 5998, "stranger"})}), sink.Drain());
     EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
 
     // Records of no known kind are errors and change nothing.
     LogCapture log;
-    Dispatch(ForkRecord(5001, 1, "odd", 3, kT0));
-    Dispatch(ExitRecord(5001, "odd", 0, kT0));
-    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(sink.Drain().empty());
-    EXPECT_EQ(0u, KavoTaskManager::GetInstance()->GetKavoTaskCount());
+    Dispatch(ForkRecord(5001, 1, "odd", 3, kT0)), Dispatch(ExitRecord(5001, "odd", 0, kT0));
+    EXPECT_TRUE(log.Contains("[KavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR) &&
+                log.Contains("[KavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(sink.Drain().empty() && KavoTaskManager::GetInstance()->GetKavoTaskCount() == 0u);
 
     // Parent unknown to the kernel: asked of /proc; a process gone meanwhile keeps the record's.
-    FakeProcess p;
-    p.pid = 6000, p.name = "realname", p.ppid = 33;
-    WriteFakeProcess(p);
-    Dispatch(ForkRecord(6000, 0, "forkname", KAVO_TASK_PROCESS, kT0));
-    Dispatch(ForkRecord(6001, 0, "gone", KAVO_TASK_PROCESS, kT0));
+    WriteFakeProcess({6000, "realname", 33});
+    for (auto [pid, comm] : {std::pair{6000, "forkname"}, {6001, "gone"}}) Dispatch(ForkRecord(pid, 0, comm, KAVO_TASK_PROCESS, kT0));
     EXPECT_EQ((Records{Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6000, 33, 10001, "realname"}),
-                       Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6001, 0, 10001, "gone"})}),
-              sink.Drain());
+                       Bytes(kavo_process_created_event{KAVO_EVENT_PROCESS_CREATED, 6001, 0, 10001, "gone"})}), sink.Drain());
   }, FakeProc());
 }
 
 TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
   RunInNamespace([] {
     EventSink sink({KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED});
-    struct {
-      int pid, ppid;
-      const char* comm;
-      bool reported;
-    } cases[] = {{0, 1, "idle", false},       {1, 0, "init", true},          {300, 1, "early", false},
-                 {301, 1, "app", true},        {9100, 1, "sh", false},        {9101, 1, "shell_daemon", false},
-                 {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false}, {9104, 1, "dumpsysx", false},
-                 {9105, 1, "bash", true},      {9106, 1, "dumpsy", true}};
+    struct { int pid, ppid; const char* comm; bool reported; } cases[] = {
+        {0, 1, "idle", false},       {1, 0, "init", true},           {300, 1, "early", false},     {301, 1, "app", true},
+        {9100, 1, "sh", false},      {9101, 1, "shell_daemon", false}, {9102, 2, "kthreadish", false}, {9103, 1, "dumpsys", false},
+        {9104, 1, "dumpsysx", false}, {9105, 1, "bash", true},        {9106, 1, "dumpsy", true}};
     for (const auto& c : cases) {
       Dispatch(ForkRecord(c.pid, c.ppid, c.comm, KAVO_TASK_PROCESS, kT0));
       Dispatch(RssRecord(c.pid, KAVO_RSS_ANON, 1 << 20, kT0 + 5000 * kMs));
-      EXPECT_EQ(c.reported ? 1u : 0u, sink.Drain().size()) << c.pid << " " << c.comm;
-      EXPECT_EQ(1 << 20, Task(c.pid).rssSize[KAVO_RSS_ANON]) << c.pid;  // kept either way
+      // Kept either way.
+      EXPECT_TRUE(sink.Drain().size() == (c.reported ? 1u : 0u) && Task(c.pid).rssSize[KAVO_RSS_ANON] == 1 << 20) << c.pid << " " << c.comm;
     }
 
     // Times and sizes as far apart as 64 bits allow (no kernel writes them,
     // but records are read as they come): too young to report, no overflow.
-    Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63));
-    Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
+    Dispatch(ForkRecord(4242, 1, "far", KAVO_TASK_PROCESS, 1ull << 63)), Dispatch(RssRecord(4242, KAVO_RSS_ANON, 1 << 20, (1ull << 63) - 1));
     Threads(4242, 12, (1ull << 63) - 1);
-    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0});
-    Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
+    Dispatch(kavo_task_init_event{{KAVO_EVENT_TASK_INIT, 0, 0}, 4343, 1, 0, 1, "far", 0, INT64_MIN, 0, 0, 0}), Dispatch(RssRecord(4343, KAVO_RSS_ANON, 0, 0));
     EXPECT_TRUE(sink.Drain().empty());
 
     // A process still called "main" takes its name and parent from /proc
     // at its first record, then again only once 3 s have passed on the
     // seconds clock (moved here by its base).
-    FakeProcess p;
-    p.pid = 9500, p.name = "main", p.ppid = 700;
-    WriteFakeProcess(p);
-    Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0));
-    Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
+    WriteFakeProcess({9500, "main", 700});
+    Dispatch(ForkRecord(9500, 600, "main", KAVO_TASK_PROCESS, kT0)), Dispatch(RssRecord(9500, KAVO_RSS_ANON, 4096, kT0 + kMs));
     EXPECT_EQ(700, Task(9500).ppid);
     const int64_t refreshed = Task(9500).lastInfoTime;
-    p.ppid = 701;
-    WriteFakeProcess(p);
+    WriteFakeProcess({9500, "main", 701});
     for (int elapsed : {2, 3}) {
       __basetime = refreshed + elapsed - static_cast<int64_t>(GetSystemSecondsTime() - __basetime);
       Dispatch(RssRecord(9500, KAVO_RSS_ANON, 8192, kT0 + kMs));
@@ -180,10 +145,8 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
     // its name and is not asked again within 3 s.
     Dispatch(ForkRecord(9501, 600, "re-initialized>", KAVO_TASK_PROCESS, kT0));
     LogCapture log;
-    Dispatch(RssRecord(9501, KAVO_RSS_ANON, 4096, kT0 + kMs));
-    Dispatch(RssRecord(9501, KAVO_RSS_ANON, 8192, kT0 + kMs));
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN));
-    EXPECT_STREQ("re-initialized>", Task(9501).comm);
+    for (int size : {4096, 8192}) Dispatch(RssRecord(9501, KAVO_RSS_ANON, size, kT0 + kMs));
+    EXPECT_TRUE(log.Count("[KavoBpfService][GPI] Task not exists", ANDROID_LOG_WARN) == 1u && Task(9501).comm == std::string("re-initialized>"));
   }, FakeProc());
 }
 
@@ -192,8 +155,7 @@ TEST(TaskEvents, WhoseMemoryIsReportedAndProvisionalNames) {
 // derived), batch after batch, a record bigger than any batch included.
 TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
   RunInNamespace([] {
-    EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
-                         KAVO_EVENT_PROCESS_EXITED}, 1000);
+    EventSink processes({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}, 1000);
     EventSink memory({KAVO_EVENT_RSS_STAT}, 1002);
     Records toProcesses, toMemory;
     kavo_process_exited_event late = {KAVO_EVENT_PROCESS_EXITED, 9999, "late"};
@@ -206,8 +168,7 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
         auto exit = ExitRecord(7000 + i, comm.c_str(), KAVO_TASK_PROCESS, 3000 + i);
         kavo_process_created_event created = {KAVO_EVENT_PROCESS_CREATED, 7000 + i, 1, 10000 + i, {}};
         kavo_process_exited_event exited = {KAVO_EVENT_PROCESS_EXITED, 7000 + i, {}};
-        memcpy(created.comm, fork.comm, sizeof(created.comm));
-        memcpy(exited.comm, exit.comm, sizeof(exited.comm));
+        strcpy(created.comm, comm.c_str()), strcpy(exited.comm, comm.c_str());
         for (const std::string& record : {Bytes(fork), Bytes(rss), Bytes(exit)}) DispatchBytes(record);
         toProcesses.insert(toProcesses.end(), {Bytes(fork), Bytes(created), Bytes(exit), Bytes(exited)});
         toMemory.push_back(Bytes(rss));
@@ -219,12 +180,10 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
         }
       }
       batch.flush();  // everything made so far is queued, nothing waits
-      EXPECT_EQ(toProcesses, processes.Drain());
-      EXPECT_EQ(toMemory, memory.Drain());
+      EXPECT_TRUE(toProcesses == processes.Drain() && toMemory == memory.Drain());
       EventManager::GetInstance()->AppendEvent(reinterpret_cast<char*>(&late), sizeof(late));
     }
-    EXPECT_EQ(Records{Bytes(late)}, processes.Drain());
-    EXPECT_TRUE(memory.Drain().empty());
+    EXPECT_TRUE(processes.Drain() == Records{Bytes(late)} && memory.Drain().empty());
   });
 }
 
