@@ -35,10 +35,7 @@ bool KavoSystem::StartDaemon(std::string* why) {
   std::vector<std::string> argv = {Tool("kavobpfd")};
   argv.insert(argv.end(), options_.daemonArgs.begin(), options_.daemonArgs.end());
   daemon_ = std::make_unique<ChildProcess>(argv);
-  return WaitReady(why);
-}
-
-bool KavoSystem::WaitReady(std::string* why, std::chrono::milliseconds timeout) {
+  constexpr std::chrono::milliseconds timeout = 15s;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   // Listening first: a client refused once waits out its retry period.
   if (!RawClient().Connect(kServiceSocket, timeout)) {
