@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -126,40 +127,37 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
 class DescriptorHolder {
  public:
   DescriptorHolder() {
-    int commands[2], acks[2];
-    if (pipe(commands) != 0 || pipe(acks) != 0) return;
+    int ends[2];  // commands one way, acknowledgements the other
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return;
     pid_ = fork();
     if (pid_ == 0) {  // async-signal-safe calls only: the parent has threads
       static int held[1024];
       int count = 0, change;
-      while (read(commands[0], &change, sizeof(change)) == sizeof(change) && change != 0) {
+      while (read(ends[1], &change, sizeof(change)) == sizeof(change) && change != 0) {
         for (; change > 0 && count < 1024; --change) held[count++] = open("/dev/null", O_RDONLY);
         for (; change < 0 && count > 0; ++change) close(held[--count]);
-        if (write(acks[1], "k", 1) != 1) break;
+        if (write(ends[1], "k", 1) != 1) break;
       }
       _exit(0);
     }
-    close(commands[0]);
-    close(acks[1]);
-    commands_.reset(commands[1]);
-    acks_.reset(acks[0]);
+    close(ends[1]);
+    control_.reset(ends[0]);
   }
   ~DescriptorHolder() {
-    int end = 0;
-    (void)!write(commands_.get(), &end, sizeof(end));
+    Change(0);  // the end
     if (pid_ > 0) waitpid(pid_, nullptr, 0);
   }
   pid_t pid() const { return pid_; }
   // Opens (|change| > 0) or closes (< 0) that many descriptors.
   bool Change(int change) {
     char ack;
-    return write(commands_.get(), &change, sizeof(change)) == sizeof(change) && read(acks_.get(), &ack, 1) == 1;
+    return write(control_.get(), &change, sizeof(change)) == sizeof(change) && read(control_.get(), &ack, 1) == 1;
   }
   uint64_t OpenCount() const { return kavo::test::OpenDescriptors(pid_); }
 
  private:
   pid_t pid_ = -1;
-  android::base::unique_fd commands_, acks_;
+  android::base::unique_fd control_;
 };
 
 // The descriptor map kept by the program on fd_install (seeding it from the

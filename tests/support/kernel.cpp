@@ -152,9 +152,7 @@ std::vector<pid_t> ForkAndReapChildren(int count) {
     if (child > 0) children.push_back(child);
   }
   for (pid_t child : children) {
-    int status;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
   }
   return children;
 }

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <sstream>
+#include <type_traits>
+#include <variant>
 
 #include "kavobpf/kavobpf_client.h"
 #include "service/kavo_bpf_signals.h"
@@ -103,17 +105,11 @@ bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
 std::vector<size_t> EventsOf(const std::vector<kavobpf::Event>& events, int32_t type, pid_t pid) {
   std::vector<size_t> found;
   for (size_t i = 0; i < events.size(); ++i) {
-    if (events[i].type != type || events[i].size < 8) continue;
-    int32_t about;  // every record's pid follows its u32 type (derived) or header (raw)
-    const kavobpf::Event& e = events[i];
-    if (auto* c = e.as<kavo_process_created_event>()) about = c->pid;
-    else if (auto* x = e.as<kavo_process_exited_event>()) about = x->pid;
-    else if (auto* t = e.as<kavo_thread_count_event>()) about = t->pid;
-    else if (auto* m = e.as<kavo_memory_changed_event>()) about = m->pid;
-    else if (auto* f = e.as<kavo_fork_event>()) about = f->pid;
-    else if (auto* d = e.as<kavo_exit_event>()) about = d->pid;
-    else continue;
-    if (about == pid) found.push_back(i);
+    std::visit([&](const auto& r) {  // every decoded record names its process
+      if constexpr (!std::is_same_v<std::decay_t<decltype(r)>, std::monostate>) {
+        if (events[i].type == type && r.pid == pid) found.push_back(i);
+      }
+    }, events[i].record);
   }
   return found;
 }
