@@ -76,7 +76,8 @@ struct bpf_map_info MapInfo(const std::string& path) {
 int Unattachable(const std::string& loaded, const std::string& set, const std::string& except = "") {
   int count = 0;
   for (const auto& [s, program] : kKprobes) {
-    count += s == set && program != except && !kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, s, program));
+    const bool attaches = kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, s, program));
+    count += s == set && program != except && !attaches;
   }
   return count;
 }
@@ -111,7 +112,8 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     std::vector<std::vector<std::string>> bad = {{"--ring-size"}, {"--probe-flavour"}, {"--bogus"}, {"stray"},
                                                  {"--probe-flavour", "fentry"}, {"--probe-flavour", "KPROBE"}};
     // Ring sizes: a power of two of at least a page, at most 2 GiB.
-    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"}) bad.push_back({"--ring-size", size});
+    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"})
+      bad.push_back({"--ring-size", size});
     for (std::vector<std::string>& args : bad) {
       args.insert(args.begin(), ToolPath("kavobpf_loader"));
       auto result = RunCommand(args);
@@ -245,7 +247,8 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     ASSERT_NE(nullptr, service) << why;
     for (const auto& [set, program] : kKprobes) {
       EXPECT_EQ(kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, set, program)) ? 0u : 1u,
-                log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ", ANDROID_LOG_ERROR))
+                log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ",
+                          ANDROID_LOG_ERROR))
           << program;
     }
     EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ",
@@ -256,7 +259,8 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     EXPECT_TRUE(gplFailures == 0 || log.WaitFor("[KavoBpfService][gpleventProduceThread] Attach all kavo bpf error: " +
                                                 std::to_string(gplFailures)));
     kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE});
-    EXPECT_TRUE(ForkReaches(client, kavo::test::ForkAndReapChildren(1).at(0))) << "the fork program beside the refused one";
+    const pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
+    EXPECT_TRUE(ForkReaches(client, child)) << "the fork program beside the refused one";
     service->stop();
     EXPECT_EQ(0, service->Wait());
   });
@@ -482,7 +486,7 @@ TEST(RingMonitor, SixPollFailuresInARowEndAMonitorFiveDoNot) {
     kavo::test::LogCapture log;
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_RAW_MAX + 1, 6, &why)) << why;
     EXPECT_EQ(-1, service->eventMonitor());
-    EXPECT_EQ(6u, log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR));
+    EXPECT_EQ(6u, log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll.", ANDROID_LOG_ERROR));
     EXPECT_EQ(6u, log.Count("handleEvent ERROR!!! Type: 8"));
 
     log.Clear();

@@ -96,7 +96,8 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
     service->initDmabufBpfProg();
     auto buffers = Dump<uint64_t, kavo_dmabuf_buffer>(kGpl + "dmabuf_allocate_map");
     ASSERT_EQ(2u, buffers.size());
-    EXPECT_EQ(std::make_tuple(4096, 201, 1 << 20), std::make_tuple(buffers[17].size, buffers[18].pid, buffers[18].size));
+    EXPECT_EQ(std::make_tuple(4096, 201, 1 << 20), std::make_tuple(buffers[17].size, buffers[18].pid, buffers[18].size))
+        << "buffer 17 charged once, 18 to its holder";
     for (const char* map : {"dmabuf_size_map", "dmabuf_perprocess_size_map"}) {
       auto totals = Dump<int32_t, dmabuf_stat>(kGpl + map);
       EXPECT_EQ(2u, totals.size()) << map;
