@@ -91,12 +91,6 @@ bool ForkReaches(kavo::test::EventSink& sink, pid_t child) {
   });
 }
 
-// Attaches the program of the tracepoint sched:|event| alone.
-bool AttachSched(const std::string& event) {
-  return Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset", "sched_" + event,
-                                            "sched", event) >= 0;
-}
-
 // Loads the kernel side with |args|; false when the test cannot go on.
 bool Load(const std::vector<std::string>& args = {}, std::string* output = nullptr) {
   std::string why;
@@ -449,29 +443,6 @@ TEST(RingMonitor, ABurstIsCountedDmabufEndsReachTheClientAndStopEndsBoth) {
   });
 }
 
-// A 4-KiB ring nobody reads runs full: the full bit is set, the check
-// reports it with the kernel's view and clears it, the producers stay on.
-// (When the check looks again is the unit story's: ServiceLifecycle.)
-TEST(RingMonitor, AFullRingIsReportedClearedAndKeepsItsProducers) {
-  kavo::test::RunInNamespace([] {
-    if (!Load({"--ring-size", "4096"})) return;
-    // Only fork and exit: no other producer refills the ring behind the test.
-    for (const char* event : {"sched_process_fork", "sched_process_exit"}) ASSERT_TRUE(AttachSched(event)) << event;
-    KavoBpfService* service = KavoBpfService::GetInstance();
-    ASSERT_TRUE(service->enableCoreBpf(0, true));
-    ASSERT_TRUE(service->enableNormalBpf(0, true));
-    kavo::test::ForkAndReapChildren(200);  // a page holds about 80 of their 400 records
-    const std::string status = KavoBpfService::RINGBUF_STATUS_PATH[0];
-    ASSERT_EQ(kProducersOn | static_cast<int64_t>(KAVO_RING_FULL_BIT), ReadControlWord(status));
-    kavo::test::DrainRing(KavoBpfService::RINGBUF_MAP_PATH[0]);
-    kavo::test::LogCapture log;
-    EXPECT_FALSE(service->checkBpfRingBuffStatus(0, false));
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][checkBpfRingBuffStatus] bpf ringbuff full!", ANDROID_LOG_WARN));
-    EXPECT_TRUE(log.Contains(", ringbuf size: 4096, cons pos: ")) << "the kernel's view when it gave up";
-    EXPECT_EQ(kProducersOn, ReadControlWord(status));
-  });
-}
-
 // Poll failures end a monitor only when six come in a row; a good record
 // (a dma-buf update, the last raw type) starts the count again; blocked in
 // a poll without time limit, the monitor still ends at once on stop().
@@ -522,7 +493,8 @@ int TakeFork(void* ctx, void* data, size_t size) {
 TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
   kavo::test::RunInNamespace([] {
     if (!Load()) return;
-    ASSERT_TRUE(AttachSched("sched_process_fork"));
+    ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset",
+                                                 "sched_sched_process_fork", "sched", "sched_process_fork"), 0);
     ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, true));
     android::base::unique_fd ring(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
     std::vector<pid_t> taken;
