@@ -73,6 +73,10 @@ size_t Resyncs(const kavo::test::KavoSystem& system) {
   return count;
 }
 
+std::unique_ptr<ChildProcess> Sleeper() {
+  return std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"});
+}
+
 // The processes of one run: sleepers the daemon knows before the burst, the
 // one whose pid is taken anew, and one started after it.
 struct Cast {
@@ -82,10 +86,7 @@ struct Cast {
 
   // Starts them; true once the client saw each one created.
   bool Start(kavobpf::Client& client, Events* events) {
-    for (int i = 0; i < 9; ++i) {
-      sleepers.push_back(
-          std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"}));
-    }
+    for (int i = 0; i < 9; ++i) sleepers.push_back(Sleeper());
     victim = sleepers.back()->pid();
     return kavo::test::CollectEvents(client, events, [this](const Events& all) {
       for (auto& s : sleepers)
@@ -98,7 +99,7 @@ struct Cast {
     int status;
     for (auto& s : sleepers) s->Signal(SIGKILL), s->WaitExit(5s, &status);
     reused = SpawnAtPid(victim, {"/bin/sleep", "20"});
-    lateProcess = std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"});
+    lateProcess = Sleeper();
     late = lateProcess->pid();
   }
   ~Cast() {
