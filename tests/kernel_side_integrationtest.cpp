@@ -10,7 +10,6 @@
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -22,7 +21,6 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
-#include <map>
 #include <set>
 #include <string>
 #include <thread>

@@ -6,7 +6,6 @@
 #include <android/log.h>
 #include <bpf/bpf.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -35,7 +34,6 @@ namespace {
 using namespace std::chrono_literals;
 using Kavo::Bpf::KavoBpfService;
 using kavo::test::AddFakeFd;
-using kavo::test::ChildProcess;
 using kavo::test::FakeProcess;
 
 const std::string kFdMap = "/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_map";
