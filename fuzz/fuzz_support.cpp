@@ -18,12 +18,7 @@ void DropBelowFatal(const struct __android_logger_data* data, const char* messag
 }  // namespace
 
 bool PrivateMounts(bool fakeProc, bool bpffs) {
-  kavo::test::PrivateMounts mounts;
-  mounts.network = false;
-  mounts.mnt = false;
-  mounts.bpffs = bpffs;
-  mounts.fakeProc = fakeProc;
-  mounts.keepOwnProc = true;
+  kavo::test::PrivateMounts mounts{/*network=*/false, /*mnt=*/false, bpffs, fakeProc, /*keepOwnProc=*/true};
   std::string why;
   if (kavo::test::EnterPrivateNamespaces(mounts, &why)) return true;
   fprintf(stderr, "fuzz: %s\n", why.c_str());

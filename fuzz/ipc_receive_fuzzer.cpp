@@ -45,15 +45,14 @@ using kavo::fuzz::Input;
 
 constexpr size_t kBufferSizes[] = {16, 64, 300, 4096, 32768};
 
-// A frame header alone: a size that announces what never comes.
-std::string SizeOnly(uint32_t size) { return std::string(reinterpret_cast<const char*>(&size), sizeof(size)); }
-
-// Touches every byte, so that an out-of-bounds range faults under ASan.
+// Touches every byte, so that an out-of-bounds range faults under ASan;
+// returns 0, a handler's "go on".
 volatile uint32_t gSink;
-void Touch(const char* data, size_t size) {
+int Touch(const char* data, size_t size) {
   uint32_t sum = 0;
   for (size_t i = 0; i < size; ++i) sum += static_cast<uint8_t>(data[i]);
   gSink = sum;
+  return 0;
 }
 
 // Pass 1: raw bytes straight into the framing.
@@ -63,8 +62,7 @@ void WalkRawFrames(const uint8_t* data, size_t size, size_t bufferSize) {
   const size_t taken = std::min(size, bufferSize);
   if (taken != 0) memcpy(buffer.data(), data, taken);
   buffer.bufferDataCursor = taken;
-  unsigned headerSize = 0;
-  unsigned packageSize = 0;
+  unsigned headerSize = 0, packageSize = 0;
   while (CheckIpcPackageComplete(&buffer, &headerSize, &packageSize)) {
     if (buffer.read(headerSize) == nullptr) abort();  // the check promised it
     const char* body = buffer.read(packageSize);
@@ -99,7 +97,7 @@ Stream BuildStream(Input* input, size_t bufferSize) {
       case 2: {
         const uint32_t tooBig = static_cast<uint32_t>(bufferSize) - 3;
         const uint32_t pick = input->U32();
-        stream.bytes += SizeOnly(pick >= tooBig ? pick : tooBig + pick % 8);
+        stream.bytes += kavo::test::U32(pick >= tooBig ? pick : tooBig + pick % 8);  // a size alone
         break;
       }
       default:
@@ -115,19 +113,12 @@ Stream BuildStream(Input* input, size_t bufferSize) {
 // Pass 2: the stream through the endpoint's receive steps and the dispatch.
 void FeedStream(const Stream& stream, size_t bufferSize) {
   IpcReqCallBackManager callbacks;
-  for (unsigned reqId = 0; reqId < 4; ++reqId) {
-    callbacks.addIpcReqCallBack(reqId, [](unsigned, int, char* data, unsigned dataSize) {
-      Touch(data, dataSize);
-      return 0;
-    });
-  }
+  for (unsigned reqId = 0; reqId < 4; ++reqId)
+    callbacks.addIpcReqCallBack(reqId, [](unsigned, int, char* data, unsigned size) { return Touch(data, size); });
   std::map<unsigned, IpcPackageHandlerFunc> handlers = {
+      // A request the owner refuses (0xEE first): the connection is closed.
       {KAVO_IPC_REQUEST,
-       [](int, char* body, unsigned size) {
-         Touch(body, size);
-         // A request the owner refuses: the connection is closed.
-         return size > 0 && static_cast<uint8_t>(body[0]) == 0xEE ? -1 : 0;
-       }},
+       [](int, char* body, unsigned size) { Touch(body, size); return size > 0 && body[0] == '\xEE' ? -1 : 0; }},
       {KAVO_IPC_RESPONSE,
        [&callbacks](int, char* body, unsigned size) {
          // What a client library must check before trusting dataSize.
@@ -139,11 +130,7 @@ void FeedStream(const Stream& stream, size_t bufferSize) {
          return 0;
        }},
       {KAVO_IPC_RESERVED, nullptr},
-      {KAVO_IPC_RAW_EVENT,
-       [](int, char* body, unsigned size) {
-         Touch(body, size);
-         return 0;
-       }},
+      {KAVO_IPC_RAW_EVENT, [](int, char* body, unsigned size) { return Touch(body, size); }},
   };
   IpcPackageHandler handler(handlers);
 

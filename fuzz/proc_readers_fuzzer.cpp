@@ -51,11 +51,7 @@ using kavo::fuzz::Input;
 constexpr char kSeparator = '\x01';
 const char* const kTargets[] = {"/dmabuf:", "anon_inode:dmabuf", "/dev/null", "/dmabuf:system-heap"};
 
-struct StandInMap {
-  const char* path;
-  uint32_t keySize;
-  uint32_t valueSize;
-};
+struct StandInMap { const char* path; uint32_t keySize, valueSize; };
 const StandInMap kMaps[] = {
     {"/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_map", 4, sizeof(kavo_fd_info)},
     {"/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_dmabuf_allocate_map", 8, sizeof(kavo_dmabuf_buffer)},
@@ -99,10 +95,7 @@ void RemoveTree(const std::string& dir) {
   rmdir(dir.c_str());
 }
 
-struct Process {
-  int pid;
-  int fds;
-};
+struct Process { int pid, fds; };  // a made-up process and how many descriptors it has
 
 }  // namespace
 

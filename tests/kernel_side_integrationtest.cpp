@@ -10,7 +10,6 @@
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -22,10 +21,10 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
-#include <map>
-#include <sstream>
+#include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "bpf/kavo_bpf_programs.h"
@@ -33,7 +32,6 @@
 #include "kavobpf_probe_flavour.h"
 #include "service/kavo_bpf_ring_wakeup.h"
 #include "service/kavo_bpf_service.h"
-#include "service/kavo_bpf_signals.h"
 #include "service/kavo_bpf_state.h"
 #include "support/event_sink.h"
 #include "support/harness.h"
@@ -48,6 +46,7 @@ namespace {
 using namespace std::chrono_literals;
 using Kavo::Bpf::AttachAllKavoBpfProgram;
 using Kavo::Bpf::KavoBpfService;
+using kavo::test::Counted;
 using kavo::test::PathExists;
 using kavo::test::ReadControlWord;
 using kavo::test::RunCommand;
@@ -70,6 +69,26 @@ struct bpf_map_info MapInfo(const std::string& path) {
   return info;
 }
 
+// Kprobe programs of |set| (but |except|) that the kernel will not attach as
+// the loader pinned them (|loaded| is its output).
+int Unattachable(const std::string& loaded, const std::string& set, const std::string& except = "") {
+  int count = 0;
+  for (const auto& [s, program] : kKprobes) {
+    const bool attaches = kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, s, program));
+    count += s == set && program != except && !attaches;
+  }
+  return count;
+}
+
+// Whether the fork record of |child| reaches |sink| in time.
+bool ForkReaches(kavo::test::EventSink& sink, pid_t child) {
+  return WaitUntil([&] {
+    for (const std::string& r : sink.Drain())
+      if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
+    return false;
+  });
+}
+
 // Loads the kernel side with |args|; false when the test cannot go on.
 bool Load(const std::vector<std::string>& args = {}, std::string* output = nullptr) {
   std::string why;
@@ -82,23 +101,17 @@ bool Load(const std::vector<std::string>& args = {}, std::string* output = nullp
 
 TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
   kavo::test::RunInNamespace([] {
+    std::vector<std::vector<std::string>> bad = {{"--ring-size"}, {"--probe-flavour"}, {"--bogus"}, {"stray"},
+                                                 {"--probe-flavour", "fentry"}, {"--probe-flavour", "KPROBE"}};
     // Ring sizes: a power of two of at least a page, at most 2 GiB.
-    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"}) {
-      auto result = RunCommand({ToolPath("kavobpf_loader"), "--ring-size", size});
-      EXPECT_EQ(2, result.exitCode) << size << ": " << result.output;
+    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"})
+      bad.push_back({"--ring-size", size});
+    for (std::vector<std::string>& args : bad) {
+      args.insert(args.begin(), ToolPath("kavobpf_loader"));
+      auto result = RunCommand(args);
+      EXPECT_EQ(2, result.exitCode) << args.back() << ": " << result.output;
       EXPECT_EQ(1u, Lines(result.output)) << result.output;
-      EXPECT_NE(std::string::npos, result.output.find("--ring-size")) << result.output;
-    }
-    for (std::vector<std::string> bad : {std::vector<std::string>{"--ring-size"},
-                                         {"--probe-flavour"},
-                                         {"--bogus"},
-                                         {"stray"},
-                                         {"--probe-flavour", "fentry"},
-                                         {"--probe-flavour", "KPROBE"}}) {
-      bad.insert(bad.begin(), ToolPath("kavobpf_loader"));
-      auto result = RunCommand(bad);
-      EXPECT_EQ(2, result.exitCode) << bad[1] << ": " << result.output;
-      EXPECT_EQ(1u, Lines(result.output)) << result.output;
+      EXPECT_TRUE(args[1] != "--ring-size" || result.output.find("--ring-size") != std::string::npos) << result.output;
     }
     if (!Load({"--ring-size", "4096"})) return;
     for (const std::string& path : kavo::test::LoaderPins()) EXPECT_TRUE(PathExists(path)) << path;
@@ -204,13 +217,9 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
   kavo::test::RunInNamespace([] {
     std::string loaded;
     if (!Load({"--probe-flavour", "kprobe"}, &loaded)) return;
-    std::map<std::string, int> failing;
-    for (const auto& [set, program] : kKprobes) {
-      failing[set] += kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, set, program)) ? 0 : 1;
-    }
     kavo::test::LogCapture log;
     android::base::SetProperty("ro.kernel.version", "5.15");
-    EXPECT_EQ(failing["KavoBpfDefineset"],
+    EXPECT_EQ(Unattachable(loaded, "KavoBpfDefineset"),
               AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
     for (size_t i = 1; i < kKprobes.size(); ++i) {
@@ -228,32 +237,22 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     log.Clear();
     KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
     ASSERT_NE(nullptr, service) << why;
-    std::map<std::string, int> failures = {{"KavoBpfDefineset", 1}, {"KavoBpfGplDefineset", 0}};
     for (const auto& [set, program] : kKprobes) {
-      kavo::test::PinnedProbe pinned = kavo::test::PinnedProbeOf(loaded, set, program);
-      bool attaches = kavo::test::PinnedProbeAttaches(pinned);
-      failures[set] += attaches ? 0 : 1;
-      EXPECT_EQ(
-          attaches ? 0u : 1u,
-          log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ", ANDROID_LOG_ERROR))
+      EXPECT_EQ(kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, set, program)) ? 0u : 1u,
+                log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ",
+                          ANDROID_LOG_ERROR))
           << program;
     }
-    EXPECT_EQ(6u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: ", ANDROID_LOG_INFO));
-    EXPECT_EQ(12u, log.Count("Attach bpf prog start: ", ANDROID_LOG_INFO));
     EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ",
                             ANDROID_LOG_ERROR));
     EXPECT_TRUE(log.WaitFor("[KavoBpfService][eventProduceThread] Attach all kavo bpf error: " +
-                            std::to_string(failures["KavoBpfDefineset"])));
-    EXPECT_TRUE(failures["KavoBpfGplDefineset"] == 0 ||
-                log.WaitFor("[KavoBpfService][gpleventProduceThread] Attach all kavo bpf error: " +
-                            std::to_string(failures["KavoBpfGplDefineset"])));
+                            std::to_string(1 + Unattachable(loaded, "KavoBpfDefineset"))));
+    const int gplFailures = Unattachable(loaded, "KavoBpfGplDefineset");
+    EXPECT_TRUE(gplFailures == 0 || log.WaitFor("[KavoBpfService][gpleventProduceThread] Attach all kavo bpf error: " +
+                                                std::to_string(gplFailures)));
     kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE});
-    pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
-    EXPECT_TRUE(WaitUntil([&] {
-      for (const std::string& r : client.Drain())
-        if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
-      return false;
-    })) << "the fork program next to the refused one";
+    const pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
+    EXPECT_TRUE(ForkReaches(client, child)) << "the fork program beside the refused one";
     service->stop();
     EXPECT_EQ(0, service->Wait());
   });
@@ -278,28 +277,21 @@ TEST(Catalogue, ATracingProgramInAKprobesPlaceIsAttachedThroughALink) {
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
     kavo::test::ForkAndReapChildren(3);
     EXPECT_EQ(3, ReadControlWord(counter));
-    int others = 0;
-    for (size_t i = 1; i < kKprobes.size(); ++i) {
-      if (kKprobes[i].second == "dma_buf_vmap") continue;
-      others +=
-          kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, kKprobes[i].first, kKprobes[i].second)) ? 0
-                                                                                                                    : 1;
-    }
-    EXPECT_EQ(1 + others, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
+    EXPECT_EQ(1 + Unattachable(loaded, "KavoBpfGplDefineset", "dma_buf_vmap"),
+              AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
     EXPECT_EQ(1u, log.Count("Attach kprobe prog failed: KavoBpfGplDefineset, progname: dma_buf_vmap, msg: "));
     // The directory walk: a second link, so each fork now counts twice.
     log.Clear();
     AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR);
-    EXPECT_EQ(
-        1u, log.Count(
-                "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, eventName: fd_install"));
+    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, "
+                            "eventName: fd_install"));
     kavo::test::ForkAndReapChildren(2);
     EXPECT_EQ(3 + 2 * 2, ReadControlWord(counter));
   });
 }
 
-// A child that, when let go, grows by a megabyte, runs a thread to its end,
-// moves into |cgroupProcs| when given, and exits.
+// A child that grows by a megabyte, runs a thread to its end, moves into
+// |cgroupProcs| when given, and exits.
 pid_t RunChild(const std::string& cgroupProcs = "") {
   pid_t pid = fork();
   if (pid == 0) {
@@ -308,8 +300,7 @@ pid_t RunChild(const std::string& cgroupProcs = "") {
     if (memory == MAP_FAILED) _exit(1);
     for (size_t at = 0; at < kGrowth; at += 4096) static_cast<volatile char*>(memory)[at] = 1;
     pthread_t thread;
-    pthread_create(
-        &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
+    pthread_create(&thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
     pthread_join(thread, nullptr);
     if (!cgroupProcs.empty()) kavo::test::WriteFile(cgroupProcs, std::to_string(getpid()));
     _exit(0);
@@ -330,6 +321,9 @@ std::vector<T> RecordsOf(const std::vector<std::string>& ring, uint32_t type, pi
   return found;
 }
 
+// Which records the programs write while each ring's producers are switched
+// on, in which ring and order. (What a fork and an exit record carry, and the
+// sizes of memory records, the client library's story checks on the kernel.)
 TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
   kavo::test::RunInNamespace([] {
     if (!Load({"--ring-size", "16777216"})) return;
@@ -352,9 +346,8 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     ASSERT_EQ(0, mount("cgroup2", "/mnt/cgroup2", "cgroup2", 0, nullptr));
     const std::string cgroup = "/mnt/cgroup2/kavo-test-" + std::to_string(getpid());
     ASSERT_EQ(0, mkdir(cgroup.c_str(), 0755));
-    for (int ring = 0; ring < 2; ++ring) {
-      ASSERT_TRUE(kavo::test::WriteControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring], kProducersOn));
-    }
+    for (const std::string& status : KavoBpfService::RINGBUF_STATUS_PATH)
+      ASSERT_TRUE(kavo::test::WriteControlWord(status, kProducersOn));
     struct timespec now;
     clock_gettime(CLOCK_BOOTTIME, &now);
     const uint64_t before = now.tv_sec * 1000000000ull + now.tv_nsec;
@@ -363,24 +356,15 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     auto records0 = kavo::test::DrainRing(ring0), records1 = kavo::test::DrainRing(ring1);
     auto forks = RecordsOf<kavo_fork_event>(records0, KAVO_EVENT_TASK_CREATE, pid);
     ASSERT_EQ(2u, forks.size()) << "the process, then its thread";
-    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_PROCESS, KAVO_TASK_THREAD}),
-              std::vector<uint32_t>({forks[0].kind, forks[1].kind}));
-    EXPECT_EQ(getpid(), forks[0].ppid);
-    EXPECT_EQ(getpid(), forks[1].ppid);
-    EXPECT_EQ(0, forks[0].uid);
-    EXPECT_EQ(std::string(program_invocation_short_name).substr(0, 15), forks[0].comm);
+    EXPECT_EQ(std::make_tuple(uint32_t{KAVO_TASK_PROCESS}, uint32_t{KAVO_TASK_THREAD}, getpid()),
+              std::make_tuple(forks[0].kind, forks[1].kind, forks[1].ppid));
     EXPECT_GE(forks[0].header.time_ns, before);
     auto exits = RecordsOf<kavo_exit_event>(records0, KAVO_EVENT_TASK_EXIT, pid);
     ASSERT_EQ(2u, exits.size()) << "the thread, then the process";
     EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_THREAD, KAVO_TASK_PROCESS}),
               std::vector<uint32_t>({exits[0].kind, exits[1].kind}));
     EXPECT_LE(forks[0].header.time_ns, exits[1].header.time_ns);
-    int64_t largestAnon = 0;
-    for (const kavo_rss_event& r : RecordsOf<kavo_rss_event>(records0, KAVO_EVENT_RSS_STAT, pid)) {
-      EXPECT_TRUE(r.member >= 0 && r.member < KAVO_RSS_MEMBERS) << r.member;
-      if (r.member == KAVO_RSS_ANON) largestAnon = std::max<int64_t>(largestAnon, r.size);
-    }
-    EXPECT_GE(largestAnon, 1 << 20) << "the megabyte it touched, in bytes";
+    EXPECT_FALSE(RecordsOf<kavo_rss_event>(records0, KAVO_EVENT_RSS_STAT, pid).empty()) << "its memory grew";
     auto moves = RecordsOf<kavo_cgroup_attach_event>(records1, KAVO_EVENT_CGROUP_ATTACH, pid);
     ASSERT_EQ(1u, moves.size());
     EXPECT_NE(std::string::npos, cgroup.find(moves[0].dst_path)) << moves[0].dst_path;
@@ -389,43 +373,34 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
   });
 }
 
-// Successful polls, or forks, the state record holds over its whole window.
-uint64_t Counted(int counter) {
-  Kavo::Bpf::KavoBpfDataState* state = Kavo::Bpf::KavoBpfDataState::GetInstance();
-  uint64_t sum = 0;
-  for (long long t = state->oldestSecond(); t <= state->newestSecond(); ++t) sum += state->counterAt(t, counter);
-  return sum;
-}
-
-// The service on the real kernel: a burst of 200 forks reaches a client
-// whole; a process that held dma-bufs ends, the GPL set forgets it and its
-// end reaches the client; signal 50 writes the load into the state record;
+// The service on the real kernel: the state record counts a burst of 200
+// forks (its file and signal are the diagnostics stories'; that each process
+// of a burst reaches a client once is EndToEnd's); a process that held
+// dma-bufs ends, the GPL set forgets it and its end reaches the client;
 // stop() ends both monitors at once.
-TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsBoth) {
+TEST(RingMonitor, ABurstIsCountedDmabufEndsReachTheClientAndStopEndsBoth) {
   kavo::test::RunInNamespace([] {
     std::string why;
     if (!kavo::test::BpfAvailable(&why)) KAVO_KERNEL_SKIP(why);
     kavo::test::LogCapture log;
     KavoBpfService* service = kavo::test::StartServiceOnKernel(&why);
     ASSERT_NE(nullptr, service) << why;
-    kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_DMABUF_UPDATE});
-    std::vector<pid_t> children = kavo::test::ForkAndReapChildren(200);
-    std::map<pid_t, int> births, deaths;
+    const uint64_t forks = Counted(KAVO_EVENT_TASK_CREATE);
+    kavo::test::ForkAndReapChildren(200);
+    EXPECT_TRUE(WaitUntil([&] { return Counted(KAVO_EVENT_TASK_CREATE) >= forks + 200; }, 20s));
+
+    kavo::test::EventSink client({KAVO_EVENT_TASK_EXIT, KAVO_EVENT_DMABUF_UPDATE});
+    std::set<pid_t> deaths;
     std::vector<kavo_dmabuf_update_event> ends;
     auto collect = [&] {
       for (const std::string& record : client.Drain()) {
-        auto fork = kavo::test::RecordAs<kavo_fork_event>(record);
-        auto exit = kavo::test::RecordAs<kavo_exit_event>(record);
-        if (fork.header.type == KAVO_EVENT_TASK_CREATE && fork.kind == KAVO_TASK_PROCESS) ++births[fork.pid];
-        if (exit.header.type == KAVO_EVENT_TASK_EXIT && exit.kind == KAVO_TASK_PROCESS) ++deaths[exit.pid];
-        if (exit.header.type == KAVO_EVENT_DMABUF_UPDATE)
+        if (kavo::test::RecordType(record) == KAVO_EVENT_TASK_EXIT) {
+          deaths.insert(kavo::test::RecordAs<kavo_exit_event>(record).pid);
+        } else {
           ends.push_back(kavo::test::RecordAs<kavo_dmabuf_update_event>(record));
+        }
       }
-      return std::all_of(children.begin(), children.end(), [&](pid_t c) { return births[c] && deaths[c]; });
     };
-    EXPECT_TRUE(WaitUntil(collect, 20s));
-    for (pid_t child : children) EXPECT_EQ(std::make_pair(1, 1), std::make_pair(births[child], deaths[child])) << child;
-
     const std::string gpl = KavoBpfService::BPF_FS_PATH + "/map_KavoBpfGplDefineset_";
     android::base::unique_fd perProcess(bpf_obj_get((gpl + "dmabuf_perprocess_size_map").c_str()));
     android::base::unique_fd charged(bpf_obj_get((gpl + "dmabuf_size_map").c_str()));
@@ -446,45 +421,15 @@ TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsB
     ASSERT_EQ(1, write(go[1], "g", 1));
     waitpid(holder, nullptr, 0);
     const pid_t plain = kavo::test::ForkAndReapChildren(1).at(0);
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-          collect();
-          return deaths[plain] > 0 && !ends.empty();
-        },
-        10s));
+    ASSERT_TRUE(WaitUntil([&] { collect(); return deaths.count(plain) > 0 && !ends.empty(); }, 10s));
     EXPECT_EQ(0, std::count_if(ends.begin(), ends.end(), [&](auto& e) { return e.pid == plain; }))
         << "a process without dma-bufs ends silently";
     ASSERT_EQ(1u, ends.size());
-    EXPECT_EQ(holder, ends[0].pid);
-    EXPECT_EQ(static_cast<uint32_t>(KAVO_DMABUF_PROCESS_EXIT), ends[0].action);
-    EXPECT_EQ(8192, ends[0].size);
-    EXPECT_EQ(0, ends[0].process_total);
+    EXPECT_EQ(std::make_tuple(holder, static_cast<uint32_t>(KAVO_DMABUF_PROCESS_EXIT), int64_t(8192), int64_t(0)),
+              std::make_tuple(ends[0].pid, ends[0].action, int64_t(ends[0].size), int64_t(ends[0].process_total)));
     EXPECT_NE(0, bpf_map_lookup_elem(perProcess.get(), &holder, &stat));
     EXPECT_NE(0, bpf_map_lookup_elem(charged.get(), &holder, &stat));
     EXPECT_NE(0, bpf_map_lookup_elem(uses.get(), &key, &use));
-
-    // The dump runs off the signal handler; wait for that thread to finish it.
-    ASSERT_TRUE(WaitUntil([] { return Counted(KAVO_EVENT_TASK_CREATE) >= 200; }, 20s));
-    uint64_t served = Kavo::Bpf::CompletedDumps();
-    ASSERT_EQ(0, kill(getpid(), Kavo::Bpf::kSignalDumpState));
-    ASSERT_TRUE(WaitUntil([served] { return Kavo::Bpf::CompletedDumps() > served; }));
-    // A header, then one row a second: EventCount, the eight types, PollCount.
-    std::istringstream text(kavo::test::ReadFile(Kavo::Bpf::KavoBpfDataState::KAVOTASK_DUMP_TEMPLATE));
-    std::string line;
-    ASSERT_TRUE(std::getline(text, line));
-    EXPECT_EQ(0u, line.find("EventCount, kavo_task_init, kmem_rss_info, sched_task_create, sched_task_exit, "
-                            "dmabuf_size_info, cgroup_attach_cpuset_info, fd_update_info, dmabuf_update, PollCount, "))
-        << line;
-    long long forks = 0;
-    while (std::getline(text, line)) {
-      long long row[10] = {};
-      ASSERT_EQ(10, sscanf(line.c_str(), "%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld,%lld", &row[0], &row[1], &row[2],
-                           &row[3], &row[4], &row[5], &row[6], &row[7], &row[8], &row[9]))
-          << line;
-      EXPECT_EQ(row[0], row[1] + row[2] + row[3] + row[4] + row[5] + row[6] + row[7] + row[8]) << line;
-      forks += row[1 + KAVO_EVENT_TASK_CREATE];
-    }
-    EXPECT_GE(forks, 200);
 
     auto before = std::chrono::steady_clock::now();
     service->stop();
@@ -493,39 +438,6 @@ TEST(RingMonitor, BurstsAndDmabufEndsReachTheClientTheLoadIsRecordedAndStopEndsB
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     EXPECT_TRUE(log.Contains("[KavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN));
     EXPECT_TRUE(log.Contains("[KavoBpfService][gpleventMonitor] Stop GPL Event Produce Thread...", ANDROID_LOG_WARN));
-  });
-}
-
-// A 4-KiB ring nobody reads runs full: the full bit is set, the check
-// reports it with the kernel's view and clears it, the producers stay on;
-// within 30 s only a forced check looks again.
-TEST(RingMonitor, AFullRingIsReportedClearedAndKeepsItsProducers) {
-  kavo::test::RunInNamespace([] {
-    if (!Load({"--ring-size", "4096"})) return;
-    // Only fork and exit: no other producer refills the ring behind the test.
-    for (const std::string event : {"sched_process_fork", "sched_process_exit"}) {
-      ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset", "sched_" + event,
-                                                   "sched", event),
-                0);
-    }
-    KavoBpfService* service = KavoBpfService::GetInstance();
-    ASSERT_TRUE(service->enableCoreBpf(0, true));
-    ASSERT_TRUE(service->enableNormalBpf(0, true));
-    kavo::test::ForkAndReapChildren(200);  // a page holds about 80 of their 400 records
-    const std::string status = KavoBpfService::RINGBUF_STATUS_PATH[0];
-    ASSERT_EQ(kProducersOn | static_cast<int64_t>(KAVO_RING_FULL_BIT), ReadControlWord(status));
-    kavo::test::DrainRing(KavoBpfService::RINGBUF_MAP_PATH[0]);
-    kavo::test::LogCapture log;
-    EXPECT_FALSE(service->checkBpfRingBuffStatus(0, false));
-    EXPECT_EQ(1u, log.Count("[KavoBpfService][checkBpfRingBuffStatus] bpf ringbuff full!", ANDROID_LOG_WARN));
-    EXPECT_TRUE(log.Contains(", ringbuf size: 4096, cons pos: ")) << "the kernel's view when it gave up";
-    EXPECT_EQ(kProducersOn, ReadControlWord(status));
-    ASSERT_TRUE(kavo::test::WriteControlWord(status, kProducersOn | KAVO_RING_FULL_BIT));
-    EXPECT_TRUE(service->checkBpfRingBuffStatus(0, false));
-    EXPECT_EQ(kProducersOn | static_cast<int64_t>(KAVO_RING_FULL_BIT), ReadControlWord(status));
-    EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));
-    EXPECT_EQ(kProducersOn, ReadControlWord(status));
-    EXPECT_FALSE(service->checkBpfRingBuffStatus(2, true)) << "no ring 2";
   });
 }
 
@@ -543,8 +455,7 @@ TEST(RingMonitor, SixPollFailuresInARowEndAMonitorFiveDoNot) {
     kavo::test::LogCapture log;
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_RAW_MAX + 1, 6, &why)) << why;
     EXPECT_EQ(-1, service->eventMonitor());
-    EXPECT_EQ(6u,
-              log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR));
+    EXPECT_EQ(6u, log.Count("[KavoBpfService][eventMonitor] KAVOBPF: ret -1 .Error ring buf poll.", ANDROID_LOG_ERROR));
     EXPECT_EQ(6u, log.Count("handleEvent ERROR!!! Type: 8"));
 
     log.Clear();
@@ -581,8 +492,7 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
   kavo::test::RunInNamespace([] {
     if (!Load()) return;
     ASSERT_GE(Kavo::Bpf::AttachTracepointProgram(KavoBpfService::BPF_PROG_DIR, "KavoBpfDefineset",
-                                                 "sched_sched_process_fork", "sched", "sched_process_fork"),
-              0);
+                                                 "sched_sched_process_fork", "sched", "sched_process_fork"), 0);
     ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, true));
     android::base::unique_fd ring(bpf_obj_get(KavoBpfService::RINGBUF_MAP_PATH[0].c_str()));
     std::vector<pid_t> taken;

@@ -131,20 +131,16 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
                  !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, threads.pid()).empty() && grown(all) >= (8 << 20);
         },
         20s));
+    // Each process once and its end once, in that order, raw and derived
+    // (what their records carry is the client library's story).
     for (pid_t child : children) {
       SCOPED_TRACE(child);
-      // Raw records: the process once and its end once, in that order.
       for (int32_t type : std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT})
         EXPECT_EQ(1u, EventsOf(events, type, child).size());
       auto created = EventsOf(events, KAVO_EVENT_PROCESS_CREATED, child);
       auto exited = EventsOf(events, KAVO_EVENT_PROCESS_EXITED, child);
-      ASSERT_EQ(1u, created.size());
-      ASSERT_EQ(1u, exited.size());
+      ASSERT_EQ(std::make_pair(size_t{1}, size_t{1}), std::make_pair(created.size(), exited.size()));
       EXPECT_LT(created[0], exited[0]);
-      auto* c = events[created[0]].as<kavo_process_created_event>();
-      EXPECT_EQ(getpid(), c->ppid);
-      EXPECT_EQ(static_cast<int>(getuid()), c->uid);
-      EXPECT_EQ(std::string(program_invocation_short_name).substr(0, 15), kavobpf::Text(c->comm));
     }
     bool reported = false;
     for (size_t i : EventsOf(events, KAVO_EVENT_THREAD_COUNT_CHANGED, threads.pid())) {

@@ -8,8 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "bpf/kavo_bpf_records.h"
-#include "service/kavo_bpf_state.h"
+#include "support/event_sink.h"
 #include "support/harness.h"
 #include "support/kernel.h"
 #include "support/log_capture.h"
@@ -20,15 +19,10 @@ namespace {
 constexpr int kProcesses = 8000;
 
 long long TableExcess() {
-  return static_cast<long long>(kavo::test::TaskTableSize()) - static_cast<long long>(kavo::test::LiveProcesses());
+  return static_cast<long long>(kavo::test::TaskTableSize()) - static_cast<long long>(kavo::test::LivePids().size());
 }
 
-long long Counted(int type) {
-  Kavo::Bpf::KavoBpfDataState* state = Kavo::Bpf::KavoBpfDataState::GetInstance();
-  long long n = 0;
-  for (long long t = state->oldestSecond(); t <= state->newestSecond(); ++t) n += state->counterAt(t, type);
-  return n;
-}
+long long Counted(int type) { return static_cast<long long>(kavo::test::Counted(type)); }
 
 TEST(ProcessChurn, EightThousandProcessesLeaveTheTableAsTheyFoundIt) {
   kavo::test::RunInNamespace([] {

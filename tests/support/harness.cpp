@@ -1,5 +1,6 @@
 #include "support/harness.h"
 
+#include <android-base/file.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -28,11 +29,7 @@ class ResultForwarder : public ::testing::EmptyTestEventListener {
   }
   static void Send(int fd, char kind, const std::string& file, int line, const std::string& message) {
     std::string record = std::string(1, kind) + '\0' + file + '\0' + std::to_string(line) + '\0' + message + '\0';
-    for (size_t done = 0; done < record.size();) {
-      ssize_t n = write(fd, record.data() + done, record.size() - done);
-      if (n <= 0 && errno != EINTR) return;
-      done += n > 0 ? static_cast<size_t>(n) : 0;
-    }
+    android::base::WriteFully(fd, record.data(), record.size());
   }
 
  private:

@@ -10,14 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
-
-#include "support/kernel_stand_ins.h"
 #include "kavobpf_probe_flavour.h"
-#include "support/harness.h"
 #include "service/kavo_bpf_service.h"
+#include "support/kernel_stand_ins.h"
 #include "support/processes.h"
+#include "support/wait_until.h"
 #include "utils/kavo_bpf_file.h"
 
 namespace kavo::test {
@@ -65,7 +62,20 @@ PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& se
 
 bool PinnedProbeAttaches(const PinnedProbe& pinned) {
   if (pinned.flavour == "fentry" || pinned.flavour == "fexit") return true;
-  return KprobeableFunction(pinned.function);
+  // A kprobe attaches where kprobes do at all (the loader's own test) and the
+  // kernel has the function among its symbols.
+  if (!kavo::loader::KprobesAttachable()) return false;
+  bool found = false;
+  Kavo::Bpf::ForEachLine("/proc/kallsyms", [&](std::string_view line) {
+    // "<address> <kind> <name>[\t[module]]"
+    size_t name = line.find(' ', line.find(' ') + 1);
+    if (name != std::string_view::npos) {
+      std::string_view symbol = line.substr(name + 1);
+      found = symbol.substr(0, symbol.find('\t')) == pinned.function;
+    }
+    return found ? Kavo::Bpf::LineAction::kStop : Kavo::Bpf::LineAction::kContinue;
+  });
+  return found;
 }
 
 std::vector<std::string> LoaderPins() {
@@ -118,13 +128,9 @@ Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why) {
     int64_t word = ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
     return word >= 0 && (word & kProducersOn) == kProducersOn;
   };
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!producersOn(0) || !producersOn(1)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      *why = "the monitors did not switch their producers on";
-      return nullptr;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!WaitUntil([&] { return producersOn(0) && producersOn(1); }, std::chrono::seconds(60))) {
+    *why = "the monitors did not switch their producers on";
+    return nullptr;
   }
   return KavoBpfService::GetInstance();
 }
@@ -138,22 +144,6 @@ std::string RunningKernelVersion() {
   return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
-bool KprobeableFunction(const std::string& function) {
-  if (!kavo::loader::KprobesAttachable()) return false;
-  bool found = false;
-  Kavo::Bpf::ForEachLine("/proc/kallsyms", [&](std::string_view line) {
-    // "<address> <kind> <name>[\t[module]]"
-    size_t name = line.find(' ', line.find(' ') + 1);
-    if (name != std::string_view::npos) {
-      std::string_view symbol = line.substr(name + 1);
-      symbol = symbol.substr(0, symbol.find('\t'));
-      found = symbol == function;
-    }
-    return found ? Kavo::Bpf::LineAction::kStop : Kavo::Bpf::LineAction::kContinue;
-  });
-  return found;
-}
-
 std::vector<pid_t> ForkAndReapChildren(int count) {
   std::vector<pid_t> children;
   for (int i = 0; i < count; ++i) {
@@ -162,9 +152,7 @@ std::vector<pid_t> ForkAndReapChildren(int count) {
     if (child > 0) children.push_back(child);
   }
   for (pid_t child : children) {
-    int status;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
   }
   return children;
 }

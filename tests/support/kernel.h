@@ -68,9 +68,6 @@ Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
 
 // "major.minor" of the running kernel, as ro.kernel.version would hold it.
 std::string RunningKernelVersion();
-// Whether kprobes can be attached to |function| (the loader's own test of
-// kprobes at all, then the kernel's symbols).
-bool KprobeableFunction(const std::string& function);
 
 // Forks |count| children that exit at once with status 0, reaps them, and
 // returns their pids.

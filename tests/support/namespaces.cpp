@@ -1,7 +1,7 @@
 #include "support/namespaces.h"
 
+#include <android-base/file.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -58,22 +58,12 @@ void MakeDirs(const std::string& path) {
 
 bool WriteFile(const std::string& path, const std::string& content) {
   MakeDirs(path.substr(0, path.rfind('/')));
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  bool written = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-  close(fd);
-  return written;
+  return android::base::WriteStringToFile(content, path);
 }
 
 std::string ReadFile(const std::string& path) {
   std::string content;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return content;
-  char chunk[8192];
-  ssize_t n;
-  while ((n = read(fd, chunk, sizeof(chunk))) > 0) content.append(chunk, static_cast<size_t>(n));
-  close(fd);
-  return content;
+  return android::base::ReadFileToString(path, &content) ? content : std::string();
 }
 
 bool PathExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

@@ -8,9 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <thread>
-
-#include "support/harness.h"
+#include "support/namespaces.h"
+#include "support/wait_until.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
 
@@ -39,14 +38,10 @@ pid_t Spawn(const std::vector<std::string>& argv, int outputFd) {
 
 // Waits for |pid| up to |timeout|; true with *status when it ended.
 bool WaitFor(pid_t pid, std::chrono::milliseconds timeout, int* status) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    pid_t r = waitpid(pid, status, WNOHANG);
-    if (r == pid) return true;
-    if (r < 0 && errno != EINTR) return false;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  pid_t r = 0;
+  WaitUntil([&] { return (r = waitpid(pid, status, WNOHANG)) == pid || (r < 0 && errno != EINTR); }, timeout,
+            std::chrono::milliseconds(5));
+  return r == pid;
 }
 
 std::string TempOutputPath() {
@@ -92,7 +87,6 @@ CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSecond
   ChildProcess child(argv);
   int status = 0;
   if (!child.WaitExit(std::chrono::seconds(timeoutSeconds), &status)) {
-    result.timedOut = true;
     child.Signal(SIGKILL);
     child.WaitExit(std::chrono::seconds(10), &status);
   }
@@ -119,21 +113,13 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::Signal(int sig) { return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0; }
 
 bool ChildProcess::WaitExit(std::chrono::milliseconds timeout, int* status) {
-  if (reaped_) return true;
-  if (!WaitFor(pid_, timeout, status)) return false;
-  reaped_ = true;
-  return true;
+  return reaped_ || (reaped_ = WaitFor(pid_, timeout, status));
 }
 
 std::string ChildProcess::Output() const { return ReadFile(outputPath_); }
 
 bool ChildProcess::WaitForOutput(const std::string& needle, std::chrono::milliseconds timeout) const {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (Output().find(needle) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
+  return WaitUntil([&] { return Output().find(needle) != std::string::npos; }, timeout, std::chrono::milliseconds(20));
 }
 
 }  // namespace kavo::test

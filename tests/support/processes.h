@@ -24,7 +24,6 @@ std::string ToolPath(const std::string& name);
 
 struct CommandResult {
   int exitCode = -1;    // -1 when it did not exit normally
-  bool timedOut = false;
   std::string output;   // stdout and stderr together
 };
 

@@ -2,16 +2,10 @@
 
 #include <malloc.h>
 #include <stdio.h>
-#include <string.h>
 
 #include <mutex>
-#include <string>
-#include <thread>
 
 #include "service/kavo_bpf_task_manager.h"
-#include "support/processes.h"
-#include "utils/kavo_bpf_file.h"
-#include "utils/kavo_bpf_helper.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -34,8 +28,6 @@ size_t HeapInUse() {
   return mallinfo2().uordblks;
 #endif
 }
-
-size_t LiveProcesses() { return LivePids().size(); }
 
 size_t TaskTableSize() {
   std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);

@@ -24,8 +24,6 @@ namespace kavo::test {
 // Bytes the allocator has handed out and not taken back (the sanitizer's
 // allocator under a sanitizer, glibc's otherwise).
 size_t HeapInUse();
-// Processes alive now: the numeric entries of /proc that are not zombies.
-size_t LiveProcesses();
 // Entries of the service's task table, read under its lock.
 size_t TaskTableSize();
 // One line of the test's output: "figure <key>: <value>".

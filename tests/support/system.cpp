@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <sstream>
+#include <type_traits>
+#include <variant>
 
 #include "kavobpf/kavobpf_client.h"
 #include "service/kavo_bpf_signals.h"
@@ -35,10 +37,7 @@ bool KavoSystem::StartDaemon(std::string* why) {
   std::vector<std::string> argv = {Tool("kavobpfd")};
   argv.insert(argv.end(), options_.daemonArgs.begin(), options_.daemonArgs.end());
   daemon_ = std::make_unique<ChildProcess>(argv);
-  return WaitReady(why);
-}
-
-bool KavoSystem::WaitReady(std::string* why, std::chrono::milliseconds timeout) {
+  constexpr std::chrono::milliseconds timeout = 15s;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   // Listening first: a client refused once waits out its retry period.
   if (!RawClient().Connect(kServiceSocket, timeout)) {
@@ -106,17 +105,11 @@ bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
 std::vector<size_t> EventsOf(const std::vector<kavobpf::Event>& events, int32_t type, pid_t pid) {
   std::vector<size_t> found;
   for (size_t i = 0; i < events.size(); ++i) {
-    if (events[i].type != type || events[i].size < 8) continue;
-    int32_t about;  // every record's pid follows its u32 type (derived) or header (raw)
-    const kavobpf::Event& e = events[i];
-    if (auto* c = e.as<kavo_process_created_event>()) about = c->pid;
-    else if (auto* x = e.as<kavo_process_exited_event>()) about = x->pid;
-    else if (auto* t = e.as<kavo_thread_count_event>()) about = t->pid;
-    else if (auto* m = e.as<kavo_memory_changed_event>()) about = m->pid;
-    else if (auto* f = e.as<kavo_fork_event>()) about = f->pid;
-    else if (auto* d = e.as<kavo_exit_event>()) about = d->pid;
-    else continue;
-    if (about == pid) found.push_back(i);
+    std::visit([&](const auto& r) {  // every decoded record names its process
+      if constexpr (!std::is_same_v<std::decay_t<decltype(r)>, std::monostate>) {
+        if (events[i].type == type && r.pid == pid) found.push_back(i);
+      }
+    }, events[i].record);
   }
   return found;
 }

@@ -43,10 +43,9 @@ class KavoSystem {
   // Pins the programs, starts kavobpfd and waits until it is ready; false
   // with the reason when something refused.
   bool Start(std::string* why);
-  // Starts kavobpfd again (after Kill) and waits until it is ready.
+  // Starts kavobpfd (again, after Kill) and waits until it is ready: until a
+  // client is served and the exit of a process forked now reaches it.
   bool StartDaemon(std::string* why);
-  // Until a client is served and the exit of a process forked now reaches it.
-  bool WaitReady(std::string* why, std::chrono::milliseconds timeout = std::chrono::seconds(15));
   // Signals kavobpfd and reaps it; for SIGKILL, SIGSTOP and the like.
   void Kill(int sig);
   // SIGTERM; the daemon's exit code, or -1 when its process did not end.
