@@ -255,6 +255,13 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     EXPECT_TRUE(ForkReaches(client, child)) << "the fork program beside the refused one";
     service->stop();
     EXPECT_EQ(0, service->Wait());
+    // Where the kernel takes kprobes, or trampolines on the catalogue's
+    // functions, all twelve programs attach: no failure but the foreign pin.
+    const int unattached = Unattachable(loaded, "KavoBpfDefineset") + gplFailures;
+    if (unattached != 0) {
+      KAVO_KERNEL_FEATURE_SKIP("trampolines", std::to_string(unattached) +
+                                                  " kprobe programs attach neither as kprobes nor as trampolines");
+    }
   });
 }
 
