@@ -72,7 +72,7 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
     WriteProcess(200, "a");            // two descriptors on buffer 17 and a mapping of it
     AddFakeFd(200, 3, "/dmabuf:", 4096, 17);
     AddFakeFd(200, 4, "/dmabuf:", 4096, 17);
-    kavo::test::WriteFakeMaps(200, "7f0000000000-7f0000001000 rw-s 00000000 00:0c 17      /dmabuf:\n");
+    kavo::test::WriteFile("/proc/200/maps", "7f0000000000-7f0000001000 rw-s 00000000 00:0c 17      /dmabuf:\n");
     WriteProcess(201, "b");  // buffer 17 shared, 18 its own, no maps file
     AddFakeFd(201, 6, "/dmabuf:", 1 << 20, 18);
     WriteProcess(202, "c");  // size 0, inode 0, no fdinfo: nothing counts
@@ -174,8 +174,7 @@ TEST(MapSeeding, TheFdProgramFollowsAProcessAndReportsEachStep) {
     if (!kavo::test::LoadKernelSide(&why, {}, &loaded)) KAVO_KERNEL_SKIP(why);
     kavo::test::PinnedProbe fdProgram = kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install");
     if (!kavo::test::PinnedProbeAttaches(fdProgram)) {
-      KAVO_KERNEL_FEATURE_SKIP("trampolines",
-                               "nothing attaches on fd_install: no kprobes, and " + fdProgram.noTrampoline);
+      KAVO_KERNEL_FEATURE_SKIP("trampolines", "nothing attaches on fd_install: no kprobes, and " + loaded);
     }
     KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
     ASSERT_NE(nullptr, service) << why;

@@ -50,6 +50,5 @@ bool AddFakeFd(int pid, int fd, const std::string& target, long long size, long 
   return WriteFile(Dir(pid) + "/fdinfo/" + std::to_string(fd), info);
 }
 
-void WriteFakeMaps(int pid, const std::string& content) { WriteFile(Dir(pid) + "/maps", content); }
 
 }  // namespace kavo::test

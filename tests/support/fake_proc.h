@@ -39,7 +39,5 @@ void RemoveFakeProcess(int pid);
 // file with "size:" and "ino:" lines (either may be left out with -1).
 bool AddFakeFd(int pid, int fd, const std::string& target, long long size = -1,
                long long inode = -1);
-// /proc/<pid>/maps with the given text.
-void WriteFakeMaps(int pid, const std::string& content);
 
 }  // namespace kavo::test

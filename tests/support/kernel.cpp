@@ -7,6 +7,8 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/utsname.h>
+
+#include <algorithm>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,14 +48,7 @@ PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& se
   size_t at = loaderOutput.find(prefix);
   if (at == std::string::npos) return pinned;
   std::string line = loaderOutput.substr(at + prefix.size());
-  line = line.substr(0, line.find('\n'));
-  const std::string because = " (no trampoline: ";
-  size_t note = line.find(because);
-  if (note != std::string::npos) {
-    pinned.noTrampoline = line.substr(note + because.size());
-    if (!pinned.noTrampoline.empty()) pinned.noTrampoline.pop_back();  // the ')'
-    line = line.substr(0, note);
-  }
+  line = line.substr(0, std::min(line.find('\n'), line.find(" (no trampoline: ")));
   size_t blank = line.find(' ');
   pinned.flavour = line.substr(0, blank);
   if (blank != std::string::npos) pinned.function = line.substr(blank + 1);

@@ -41,7 +41,6 @@ bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {},
 struct PinnedProbe {
   std::string flavour;
   std::string function;
-  std::string noTrampoline;  // the loader's reason, when it gave one
 };
 PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
                           const std::string& program);

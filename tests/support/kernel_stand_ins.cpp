@@ -12,6 +12,7 @@
 #include <android-base/unique_fd.h>
 
 #include "support/harness.h"
+#include "support/namespaces.h"
 #include "utils/kavo_bpf_file.h"
 
 namespace kavo::test {
@@ -21,9 +22,7 @@ namespace {
 // Pins |fd| at |path| in place of whatever is there.
 bool Pin(const android::base::unique_fd& fd, const std::string& path, const std::string& what, std::string* why) {
   unlink(path.c_str());
-  if (fd.get() >= 0 && bpf_obj_pin(fd.get(), path.c_str()) == 0) return true;
-  *why = what + " for " + path + ": " + strerror(errno);
-  return false;
+  return (fd.get() >= 0 && bpf_obj_pin(fd.get(), path.c_str()) == 0) || Refused(what + " for " + path, why);
 }
 
 bool CreateAndPin(enum bpf_map_type type, const char* name, uint32_t keySize, uint32_t valueSize,
@@ -63,24 +62,19 @@ bool WriteControlWord(const std::string& statusMapPath, uint64_t word) {
 namespace {
 
 struct bpf_insn Insn(uint8_t code, uint8_t dst, uint8_t src, int16_t off, int32_t imm) {
-  struct bpf_insn insn = {};
-  insn.code = code;
-  insn.dst_reg = dst & 0xf;
-  insn.src_reg = src & 0xf;
-  insn.off = off;
-  insn.imm = imm;
-  return insn;
+  return bpf_insn{code, static_cast<__u8>(dst & 0xf), static_cast<__u8>(src & 0xf), off, imm};
 }
+
+// r0 = 0; exit.
+const std::vector<struct bpf_insn> kReturnZero = {Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
+                                                  Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0)};
 
 }  // namespace
 
 bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
                       uint32_t size) {
   android::base::unique_fd ring(bpf_obj_get(ringMapPath.c_str()));
-  if (ring.get() < 0) {
-    *why = "bpf_obj_get " + ringMapPath + ": " + strerror(errno);
-    return false;
-  }
+  if (ring.get() < 0) return Refused("bpf_obj_get " + ringMapPath, why);
   size = size < 16 ? 16 : (size + 7) / 8 * 8;
   if (size > 256) size = 256;
   // Zero the record on the stack, put the type in, and hand it to
@@ -103,29 +97,19 @@ bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, 
 
   android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_test_write", "GPL",
                                             prog.data(), prog.size(), nullptr));
-  if (fd.get() < 0) {
-    *why = std::string("loading the record writer: ") + strerror(errno);
-    return false;
-  }
+  if (fd.get() < 0) return Refused("loading the record writer", why);
   char packet[64] = {};
   struct bpf_test_run_opts run = {};
   run.sz = sizeof(run);
   run.data_in = packet;
   run.data_size_in = sizeof(packet);
   run.repeat = static_cast<__u32>(count);
-  if (bpf_prog_test_run_opts(fd.get(), &run) != 0) {
-    *why = std::string("running the record writer: ") + strerror(errno);
-    return false;
-  }
-  return true;
+  return bpf_prog_test_run_opts(fd.get(), &run) == 0 || Refused("running the record writer", why);
 }
 
 bool PinForeignProgram(const std::string& path, std::string* why) {
-  struct bpf_insn prog[] = {
-      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
-      Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
-  };
-  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", prog, 2, nullptr));
+  android::base::unique_fd fd(
+      bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", kReturnZero.data(), 2, nullptr));
   return Pin(fd, path, "a socket filter", why);
 }
 
@@ -134,10 +118,7 @@ namespace {
 // The id of |name| (of |kind|) in the kernel's BTF; 0 with *why when absent.
 __u32 KernelBtfId(const char* name, __u32 kind, std::string* why) {
   struct btf* btf = btf__load_vmlinux_btf();
-  if (btf == nullptr) {
-    *why = std::string("reading the kernel's BTF: ") + strerror(errno);
-    return 0;
-  }
+  if (btf == nullptr) return Refused("reading the kernel's BTF", why);
   int id = btf__find_by_name_kind(btf, name, kind);
   btf__free(btf);
   if (id <= 0) *why = std::string(name) + " is not in the kernel's BTF";
@@ -187,11 +168,7 @@ bool PinTracingProgram(const std::string& path, const std::string& counterPath, 
 bool PinUnattachableTracingProgram(const std::string& path, std::string* why) {
   __u32 btfId = KernelBtfId("bpf_iter_task", BTF_KIND_FUNC, why);
   if (btfId == 0) return false;
-  std::vector<struct bpf_insn> prog = {
-      Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0),
-      Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0),
-  };
-  return LoadTracingAndPin(prog, BPF_TRACE_ITER, btfId, path, why);
+  return LoadTracingAndPin(kReturnZero, BPF_TRACE_ITER, btfId, path, why);
 }
 
 std::string ThreadNames() {

@@ -10,15 +10,6 @@
 
 namespace kavo::test {
 
-namespace {
-
-bool Refused(const std::string& what, std::string* why) {
-  *why = what + ": " + strerror(errno);
-  return false;
-}
-
-}  // namespace
-
 bool MountFakeProc(bool keepOwnProc, std::string* why) {
   if (mount("tmpfs", "/proc", "tmpfs", 0, "mode=0755") != 0) return Refused("tmpfs on /proc", why);
   if (!keepOwnProc) return true;
@@ -67,5 +58,10 @@ std::string ReadFile(const std::string& path) {
 }
 
 bool PathExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+bool Refused(const std::string& what, std::string* why) {
+  *why = what + ": " + strerror(errno);
+  return false;
+}
 
 }  // namespace kavo::test

@@ -41,5 +41,7 @@ bool WriteFile(const std::string& path, const std::string& content);
 // The whole file, or "" when it cannot be read.
 std::string ReadFile(const std::string& path);
 bool PathExists(const std::string& path);
+// Sets *why to "<what>: <errno's text>"; returns false.
+bool Refused(const std::string& what, std::string* why);
 
 }  // namespace kavo::test
