@@ -174,7 +174,7 @@ TEST(MapSeeding, TheFdProgramFollowsAProcessAndReportsEachStep) {
     if (!kavo::test::LoadKernelSide(&why, {}, &loaded)) KAVO_KERNEL_SKIP(why);
     kavo::test::PinnedProbe fdProgram = kavo::test::PinnedProbeOf(loaded, "KavoBpfDefineset", "enter_fd_install");
     if (!kavo::test::PinnedProbeAttaches(fdProgram)) {
-      KAVO_KERNEL_FEATURE_SKIP("trampolines", "nothing attaches on fd_install: no kprobes, and " + loaded);
+      KAVO_KERNEL_FEATURE_SKIP("trampolines", "nothing attaches on fd_install (no kprobes); the loader said:\n" + loaded);
     }
     KavoBpfService* service = kavo::test::StartServiceOnPinnedKernelSide(&why);
     ASSERT_NE(nullptr, service) << why;
