@@ -218,7 +218,8 @@ TEST(ResyncSchedule, DueAfterAQuietPeriodOrAtTheLatestAfterTheLongestDeferral) {
 // A monitor on hand-made rings without a lost-record counter: a full bit
 // left from before is reported by the first status check but repairs
 // nothing; a bit set later is taken by the monitor for a repair, once the
-// ring stays quiet, and still reported.
+// ring stays quiet, and still reported. (The kernel story fills a real ring
+// with the counter pinned; the repair it triggers is the same.)
 TEST(RingLossWatch, WithoutACounterTheFullBitTellsOfLossesAndIsStillReported) {
   RunInNamespace([] {
     std::string why;
