@@ -46,9 +46,7 @@ T RecordAs(const std::string& record) {
 
 // A record's bytes, as the kernel or a handler writes them.
 template <typename Record>
-std::string Bytes(const Record& record) {
-  return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
-}
+std::string Bytes(const Record& record) { return std::string(reinterpret_cast<const char*>(&record), sizeof(record)); }
 
 // Ring records built by hand in the layouts the kernel programs write.
 kavo_fork_event ForkRecord(int pid, int ppid, const char* comm, uint32_t kind, uint64_t timeNs, int uid = 10001);
@@ -59,9 +57,7 @@ kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs);
 // subscribers, then handled. Returns the dispatch's result.
 int DispatchBytes(std::string record);
 template <typename Record>
-int Dispatch(const Record& record) {
-  return DispatchBytes(Bytes(record));
-}
+int Dispatch(const Record& record) { return DispatchBytes(Bytes(record)); }
 
 // The task of |pid| in the service's table in one line, for comparing whole:
 // "<comm> <pid> ppid <ppid> uid <uid> threads <n>/<old> mm <mmId> rss <4 sizes> old <4 sizes> start <s>",

@@ -18,13 +18,8 @@ namespace kavo::test {
 struct FakeProcess {
   int pid = 0;
   std::string name = "proc";
-  int ppid = 1;
-  int uid = 0;
-  int threads = 1;
-  long long rssAnonKb = 0;
-  long long rssFileKb = 0;
-  long long rssShmemKb = 0;
-  long long swapKb = 0;
+  int ppid = 1, uid = 0, threads = 1;
+  long long rssAnonKb = 0, rssFileKb = 0, rssShmemKb = 0, swapKb = 0;  // as status shows them
   long long startTicks = 0;
   char state = 'S';        // 'Z': a zombie
   bool withStat = true;    // false: the process "vanished" before its stat was read

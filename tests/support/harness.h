@@ -37,11 +37,7 @@ void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& o
 void MountFakeProc();
 
 // Options with an empty tmpfs over /proc.
-inline NamespaceOptions FakeProc() {
-  NamespaceOptions options;
-  options.fakeProc = true;
-  return options;
-}
+inline NamespaceOptions FakeProc() { return NamespaceOptions{true}; }
 
 // True when KAVO_REQUIRE_KERNEL=1: a test that would skip because the kernel
 // refused fails instead.

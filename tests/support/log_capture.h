@@ -22,8 +22,7 @@ namespace kavo::test {
 
 struct LogLine {
   int priority;
-  std::string tag;
-  std::string message;
+  std::string tag, message;
 };
 
 class LogCapture {

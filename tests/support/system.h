@@ -31,8 +31,7 @@ namespace kavo::test {
 class KavoSystem {
  public:
   struct Options {
-    std::vector<std::string> loaderArgs;
-    std::vector<std::string> daemonArgs;
+    std::vector<std::string> loaderArgs, daemonArgs;
     // Where kavobpf_loader and kavobpfd are; this build's tools by default.
     std::string binDir;
   };
