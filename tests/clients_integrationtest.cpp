@@ -225,12 +225,6 @@ int Peer(const Identity& who, const std::string& frame = "") {
   });
 }
 
-size_t Occurrences(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
 // The anonymous memory of |pid| in kB.
 long AnonKb(pid_t pid) {
   const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");

@@ -59,8 +59,6 @@ const std::vector<std::pair<std::string, std::string>> kKprobes = {
     {"KavoBpfGplDefineset", "dma_buf_stats_setup"}, {"KavoBpfGplDefineset", "dma_buf_dynamic_attach"},
     {"KavoBpfGplDefineset", "dma_buf_vmap"},        {"KavoBpfGplDefineset", "dma_buf_mmap_internal"}};
 
-size_t Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
-
 struct bpf_map_info MapInfo(const std::string& path) {
   struct bpf_map_info info = {};
   android::base::unique_fd fd(bpf_obj_get(path.c_str()));
@@ -101,7 +99,7 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
       args.insert(args.begin(), ToolPath("kavobpf_loader"));
       auto result = RunCommand(args);
       EXPECT_EQ(2, result.exitCode) << args.back() << ": " << result.output;
-      EXPECT_EQ(1u, Lines(result.output)) << result.output;
+      EXPECT_EQ(1u, kavo::test::Occurrences(result.output, "\n")) << result.output;
       EXPECT_TRUE(args[1] != "--ring-size" || result.output.find("--ring-size") != std::string::npos) << result.output;
     }
     if (!Load({"--ring-size", "4096"})) return;
@@ -113,7 +111,7 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     // per kprobe program, and the summary.
     std::string output;
     ASSERT_TRUE(Load({}, &output));
-    EXPECT_EQ(kKprobes.size() + 1, Lines(output)) << output;
+    EXPECT_EQ(kKprobes.size() + 1, kavo::test::Occurrences(output, "\n")) << output;
     struct bpf_map_info status = MapInfo(KavoBpfService::RINGBUF_STATUS_PATH[0]);
     EXPECT_EQ(std::vector<uint32_t>({BPF_MAP_TYPE_ARRAY, 4, 8, 5}),
               std::vector<uint32_t>({status.type, status.key_size, status.value_size, status.max_entries}));
@@ -135,7 +133,7 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     auto noBpffs = RunCommand({ToolPath("kavobpf_loader")});
     EXPECT_EQ(1, noBpffs.exitCode);
     EXPECT_EQ(0u, noBpffs.output.find("kavobpf_loader: no BPF file system mounted at /sys/fs/bpf")) << noBpffs.output;
-    EXPECT_EQ(1u, Lines(noBpffs.output)) << noBpffs.output;
+    EXPECT_EQ(1u, kavo::test::Occurrences(noBpffs.output, "\n")) << noBpffs.output;
   });
 }
 

@@ -28,8 +28,6 @@ using kavo::test::EventsOf;
 using kavo::test::RunCommand;
 using kavo::test::ToolPath;
 
-size_t Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
-
 // Starts kavobpfd with |args|, waits for |line|, stops it with |sig|: it
 // must exit 0 within 2 seconds.
 void ExpectCleanStop(int sig, const std::vector<std::string>& args, const std::string& line) {
@@ -60,7 +58,7 @@ TEST(Kavobpfd, OptionsAndAStopWithin2sWhateverTheServiceIsDoing) {
     argv.insert(argv.end(), bad.begin(), bad.end());
     auto result = RunCommand(argv, 5);
     EXPECT_EQ(2, result.exitCode) << bad[0] << ": " << result.output;
-    EXPECT_EQ(1u, Lines(result.output)) << result.output;
+    EXPECT_EQ(1u, kavo::test::Occurrences(result.output, "\n")) << result.output;
     EXPECT_EQ(0u, result.output.rfind("kavobpfd: ", 0)) << result.output;
   }
   kavo::test::RunInNamespace([] {

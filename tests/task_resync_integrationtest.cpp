@@ -66,12 +66,7 @@ pid_t SpawnAtPid(pid_t pid, const std::vector<std::string>& argv) {
 // Ring 0's lost-record counter (key 0 of its array); -1 without one.
 int64_t LostRecords() { return kavo::test::ReadControlWord(KavoBpfService::RINGBUF_LOST_PATH[0]); }
 
-size_t Resyncs(const kavo::test::KavoSystem& system) {
-  std::string out = system.Output();
-  size_t count = 0;
-  for (size_t at = out.find(kResyncLine); at != std::string::npos; at = out.find(kResyncLine, at + 1)) ++count;
-  return count;
-}
+size_t Resyncs(const kavo::test::KavoSystem& system) { return kavo::test::Occurrences(system.Output(), kResyncLine); }
 
 std::unique_ptr<ChildProcess> Sleeper() {
   return std::make_unique<ChildProcess>(std::vector<std::string>{ToolPath("kavo_workload"), "sleep", "20000"});

@@ -118,8 +118,7 @@ TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
     EXPECT_GE(trims, 2u) << "the load should trim the slow queue more than once";
     const std::string errors = kavo::test::ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH);
     const std::string trim = "ErrorCode: 4\nError: B&A Ipc Package queue full 10000\n";
-    size_t recorded = 0;
-    for (size_t at = errors.find(trim); at != std::string::npos; at = errors.find(trim, at + 1)) ++recorded;
+    const size_t recorded = kavo::test::Occurrences(errors, trim);
     EXPECT_LE(recorded, trims);
     EXPECT_GE(recorded, std::min<size_t>(trims, 500));
   });

@@ -59,6 +59,12 @@ std::string ReadFile(const std::string& path) {
 
 bool PathExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+size_t Occurrences(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 bool Refused(const std::string& what, std::string* why) {
   *why = what + ": " + strerror(errno);
   return false;

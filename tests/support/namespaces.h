@@ -41,6 +41,8 @@ bool WriteFile(const std::string& path, const std::string& content);
 // The whole file, or "" when it cannot be read.
 std::string ReadFile(const std::string& path);
 bool PathExists(const std::string& path);
+// How often |needle| occurs in |text| (lines of output: "\n").
+size_t Occurrences(const std::string& text, const std::string& needle);
 // Sets *why to "<what>: <errno's text>"; returns false.
 bool Refused(const std::string& what, std::string* why);
 
