@@ -39,8 +39,7 @@ bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {},
 // "fexit") and the function, from its line "<set> <program>: <flavour>
 // <function>[ (no trampoline: <why>)]". Empty fields when there is no line.
 struct PinnedProbe {
-  std::string flavour;
-  std::string function;
+  std::string flavour, function;
 };
 PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
                           const std::string& program);
