@@ -56,10 +56,7 @@ void Churn(int thread, std::chrono::steady_clock::time_point end, Tally& tally) 
     std::vector<std::unique_ptr<RawClient>> clients;
     for (int slot = 0; slot < 50; ++slot) {
       auto client = std::make_unique<RawClient>();
-      if (!client->Connect(kavo::test::kServiceSocket, 3s)) {
-        ++tally.refused;
-        continue;
-      }
+      if (!client->Connect(kavo::test::kServiceSocket, 3s)) { ++tally.refused; continue; }
       ++tally.connections;
       const int leaving = (slot + round + thread) % 4;  // at once, unsubscribing, mid-frame, with a queue
       client->Send(RequestFrame(1, 51, kTypes[(slot + round) % (leaving % 2 ? 2 : 3)]) +
