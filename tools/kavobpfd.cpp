@@ -13,7 +13,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "kavobpf_kernel_version.h"
 #include "service/kavo_bpf_client_policy.h"
 #include "service/kavo_bpf_service.h"
 
@@ -81,16 +81,6 @@ void PrintUsage(FILE* out) {
 [[noreturn]] void UsageError(const std::string& message) {
   fprintf(stderr, "kavobpfd: %s (see --help)\n", message.c_str());
   exit(2);
-}
-
-std::string RunningKernelVersion() {
-  struct utsname uts;
-  if (uname(&uts) != 0) return "0.0";
-  std::string release(uts.release);
-  size_t first = release.find('.');
-  if (first == std::string::npos) return release;
-  size_t end = release.find_first_not_of("0123456789", first + 1);
-  return release.substr(0, end);
 }
 
 bool RingBuffersPinned() {
@@ -206,7 +196,7 @@ int main(int argc, char** argv) {
   if (optind < argc) UsageError(std::string("unexpected argument '") + argv[optind] + "'");
 
   if (properties.count(kKernelVersionProperty) == 0) {
-    properties[kKernelVersionProperty] = RunningKernelVersion();
+    properties[kKernelVersionProperty] = kavo::RunningKernelVersion();
   }
   if (!allowAll) SetClientPolicy(&properties, allowedUids, allowedGroup, groupGiven);
   // What the service writes under /data names every process on the machine:

@@ -6,7 +6,6 @@
 #include <bpf/libbpf.h>
 #include <errno.h>
 #include <string.h>
-#include <sys/utsname.h>
 
 #include <algorithm>
 #include <sys/wait.h>
@@ -128,15 +127,6 @@ Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why) {
     return nullptr;
   }
   return KavoBpfService::GetInstance();
-}
-
-std::string RunningKernelVersion() {
-  struct utsname uts;
-  if (uname(&uts) != 0) return "0.0";
-  std::string release(uts.release);
-  size_t first = release.find('.');
-  if (first == std::string::npos) return release;
-  return release.substr(0, release.find_first_not_of("0123456789", first + 1));
 }
 
 std::vector<pid_t> ForkAndReapChildren(int count) {

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "kavobpf_kernel_version.h"
+
 namespace Kavo::Bpf {
 class KavoBpfService;
 }  // namespace Kavo::Bpf
@@ -65,7 +67,7 @@ Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
                                                 const std::vector<std::string>& loaderArgs = {});
 
 // "major.minor" of the running kernel, as ro.kernel.version would hold it.
-std::string RunningKernelVersion();
+using ::kavo::RunningKernelVersion;
 
 // Forks |count| children that exit at once with status 0, reaps them, and
 // returns their pids.
