@@ -13,10 +13,14 @@
 //
 // Called once, from LLVMFuzzerInitialize, before any other thread exists.
 
+#include <android/log.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include <algorithm>
 #include <string>
+
+#include "support/namespaces.h"
 
 namespace kavo::fuzz {
 
@@ -25,10 +29,19 @@ namespace kavo::fuzz {
 // into a real procfs, for the sanitizers), with |bpffs| a fresh bpffs. False
 // (with a line on stderr) when something was refused; the target then runs
 // on whatever is there.
-bool PrivateMounts(bool fakeProc, bool bpffs);
+inline bool PrivateMounts(bool fakeProc, bool bpffs) {
+  std::string why;
+  if (test::EnterPrivateNamespaces({/*network=*/false, /*mnt=*/false, bpffs, fakeProc, /*keepOwnProc=*/true}, &why)) return true;
+  fprintf(stderr, "fuzz: %s\n", why.c_str());
+  return false;
+}
 
 // Drops every log line below fatal: a fuzz run logs a lot and reads none of it.
-void QuietLog();
+inline void QuietLog() {
+  __android_log_set_logger([](const struct __android_logger_data* data, const char* message) {
+    if (data->priority >= ANDROID_LOG_FATAL) __android_log_stderr_logger(data, message);
+  });
+}
 
 // Reads the input front to back; past its end it yields zeros.
 class Input {
@@ -40,11 +53,11 @@ class Input {
   uint32_t U32() { return U16() | (U16() << 16); }
   std::string Bytes(size_t n) {
     std::string out(n, '\0');
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>(Byte());
+    for (char& c : out) c = static_cast<char>(Byte());
     return out;
   }
-  const uint8_t* rest() const { return data_ + std::min(at_, size_); }
-  size_t restSize() const { return size_ - std::min(at_, size_); }
+  // What is left, unread.
+  std::string Rest() const { return std::string(reinterpret_cast<const char*>(data_) + std::min(at_, size_), size_ - std::min(at_, size_)); }
 
  private:
   const uint8_t* data_;

@@ -26,8 +26,6 @@
 // boundary, as a client that reconnects would, never in the middle of a frame.
 // Error-log records of damaged frames go to a private tmpfs over /data.
 
-#include <stddef.h>
-#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
@@ -41,8 +39,6 @@
 
 namespace {
 
-using kavo::fuzz::Input;
-
 constexpr size_t kBufferSizes[] = {16, 64, 300, 4096, 32768};
 
 // Touches every byte, so that an out-of-bounds range faults under ASan;
@@ -55,114 +51,70 @@ int Touch(const char* data, size_t size) {
   return 0;
 }
 
-// Pass 1: raw bytes straight into the framing.
-void WalkRawFrames(const uint8_t* data, size_t size, size_t bufferSize) {
-  BufferState buffer;
-  buffer.buffer.assign(bufferSize, 0);
-  const size_t taken = std::min(size, bufferSize);
-  if (taken != 0) memcpy(buffer.data(), data, taken);
-  buffer.bufferDataCursor = taken;
-  unsigned headerSize = 0, packageSize = 0;
-  while (CheckIpcPackageComplete(&buffer, &headerSize, &packageSize)) {
-    if (buffer.read(headerSize) == nullptr) abort();  // the check promised it
-    const char* body = buffer.read(packageSize);
-    if (body == nullptr) abort();
-    Touch(body, packageSize);
-  }
-}
-
+// Pass 2: the items as one byte stream, where each item starts, and the sizes of the receives in turn.
 struct Stream {
   std::string bytes;
-  std::vector<size_t> boundaries;  // where each item starts
-  std::vector<size_t> receives;    // sizes of the receives, in turn
+  std::vector<size_t> boundaries, receives;
 };
 
-Stream BuildStream(Input* input, size_t bufferSize) {
+Stream BuildStream(kavo::fuzz::Input* input, size_t bufferSize) {
   Stream stream;
   while (!input->empty()) {
-    const uint8_t op = input->Byte();
+    const uint8_t op = input->Byte() % 4;
+    if (op == 3) {
+      stream.receives.push_back(1 + input->U16() % bufferSize);
+      continue;
+    }
     stream.boundaries.push_back(stream.bytes.size());
-    switch (op % 4) {
-      case 0: {
-        const uint32_t type = input->Byte() % 5;
-        const size_t length = input->U16() % (bufferSize - 12 + 1);
-        stream.bytes += kavo::test::PackageFrame(type, input->Bytes(length));
-        break;
-      }
-      case 1: {
-        const size_t length = input->Byte() % 8;
-        stream.bytes += kavo::test::RawFrame(input->Bytes(length));
-        break;
-      }
-      case 2: {
-        const uint32_t tooBig = static_cast<uint32_t>(bufferSize) - 3;
-        const uint32_t pick = input->U32();
-        stream.bytes += kavo::test::U32(pick >= tooBig ? pick : tooBig + pick % 8);  // a size alone
-        break;
-      }
-      default:
-        stream.boundaries.pop_back();
-        stream.receives.push_back(1 + input->U16() % bufferSize);
-        break;
+    if (op == 0) {
+      const uint32_t type = input->Byte() % 5;
+      stream.bytes += kavo::test::PackageFrame(type, input->Bytes(input->U16() % (bufferSize - 12 + 1)));
+    } else if (op == 1) {
+      stream.bytes += kavo::test::RawFrame(input->Bytes(input->Byte() % 8));
+    } else {  // a size alone, too big for the buffer or wrapping
+      const uint32_t tooBig = static_cast<uint32_t>(bufferSize) - 3, pick = input->U32();
+      stream.bytes += kavo::test::U32(pick >= tooBig ? pick : tooBig + pick % 8);
     }
   }
   stream.boundaries.push_back(stream.bytes.size());
   return stream;
 }
 
-// Pass 2: the stream through the endpoint's receive steps and the dispatch.
+// The stream through the endpoint's receive steps and the dispatch.
 void FeedStream(const Stream& stream, size_t bufferSize) {
   IpcReqCallBackManager callbacks;
   for (unsigned reqId = 0; reqId < 4; ++reqId)
     callbacks.addIpcReqCallBack(reqId, [](unsigned, int, char* data, unsigned size) { return Touch(data, size); });
-  std::map<unsigned, IpcPackageHandlerFunc> handlers = {
+  IpcPackageHandler handler(std::map<unsigned, IpcPackageHandlerFunc>{
       // A request the owner refuses (0xEE first): the connection is closed.
-      {KAVO_IPC_REQUEST,
-       [](int, char* body, unsigned size) { Touch(body, size); return size > 0 && body[0] == '\xEE' ? -1 : 0; }},
-      {KAVO_IPC_RESPONSE,
-       [&callbacks](int, char* body, unsigned size) {
+      {KAVO_IPC_REQUEST, [](int, char* body, unsigned size) { Touch(body, size); return size > 0 && body[0] == '\xEE' ? -1 : 0; }},
+      {KAVO_IPC_RESPONSE, [&callbacks](int, char* body, unsigned size) {
          // What a client library must check before trusting dataSize.
          KavoRespIpcPackageHeader header;
          if (size < sizeof(header)) return 0;
          memcpy(&header, body, sizeof(header));
-         if (header.dataSize > size - sizeof(header)) return 0;
-         callbacks.handleReqCallBack(reinterpret_cast<const KavoRespIpcPackageHeader*>(body));
+         if (header.dataSize <= size - sizeof(header)) callbacks.handleReqCallBack(reinterpret_cast<const KavoRespIpcPackageHeader*>(body));
          return 0;
        }},
       {KAVO_IPC_RESERVED, nullptr},
-      {KAVO_IPC_RAW_EVENT, [](int, char* body, unsigned size) { return Touch(body, size); }},
-  };
-  IpcPackageHandler handler(handlers);
+      {KAVO_IPC_RAW_EVENT, [](int, char* body, unsigned size) { return Touch(body, size); }}});
 
   BufferState buffer;
   buffer.buffer.assign(bufferSize, 0);
-  size_t position = 0;
-  size_t turn = 0;
-  while (position < stream.bytes.size()) {
+  for (size_t position = 0, turn = 0; position < stream.bytes.size();) {
     // Compaction, as the service's endpoint does before each receive.
     const size_t unread = buffer.bufferDataCursor - buffer.bufferCursor;
     memmove(buffer.data(), buffer.data() + buffer.bufferCursor, unread);
-    buffer.bufferCursor = 0;
-    buffer.bufferDataCursor = unread;
-    if (buffer.bufferDataCursor == buffer.size()) {
-      // A full buffer is emptied (no whole frame is ever left in it, so this
-      // does not happen; if it did, the stream resumes at an item boundary).
-      buffer.resetCursors();
-      position = *std::lower_bound(stream.boundaries.begin(), stream.boundaries.end(), position);
-      if (position >= stream.bytes.size()) break;
-    }
-
+    buffer.bufferCursor = 0, buffer.bufferDataCursor = unread;
     size_t want = stream.receives.empty() ? bufferSize : stream.receives[turn++ % stream.receives.size()];
-    want = std::min({want, buffer.size() - buffer.bufferDataCursor, stream.bytes.size() - position});
-    memcpy(buffer.data() + buffer.bufferDataCursor, stream.bytes.data() + position, want);
+    want = std::min({want, buffer.size() - unread, stream.bytes.size() - position});
+    memcpy(buffer.data() + unread, stream.bytes.data() + position, want);
     buffer.bufferDataCursor += want;
     position += want;
-
-    const size_t before = buffer.bufferDataCursor;
     const bool failed = handler.handleAllIpcPackageInBuffer(7, &buffer) == 0;
-    const bool dropped = before != 0 && buffer.bufferDataCursor == 0;
-    if (failed || dropped) {
-      // The buffered bytes are gone; start again at the next whole item.
+    // The buffered bytes are gone (or a full buffer, which no whole frame
+    // leaves): start again at the next whole item.
+    if (failed || buffer.bufferDataCursor == 0 || buffer.bufferDataCursor - buffer.bufferCursor == buffer.size()) {
       buffer.resetCursors();
       position = *std::lower_bound(stream.boundaries.begin(), stream.boundaries.end(), position);
     }
@@ -179,10 +131,20 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input(data, size);
+  kavo::fuzz::Input input(data, size);
   const size_t bufferSize = kBufferSizes[input.Byte() % (sizeof(kBufferSizes) / sizeof(kBufferSizes[0]))];
-  WalkRawFrames(input.rest(), input.restSize(), bufferSize);
-  Stream stream = BuildStream(&input, bufferSize);
-  FeedStream(stream, bufferSize);
+  // Pass 1: the rest as raw bytes, straight into the framing.
+  BufferState raw;
+  raw.buffer.assign(bufferSize, 0);
+  const std::string rest = input.Rest();
+  raw.bufferDataCursor = std::min(rest.size(), bufferSize);
+  memcpy(raw.data(), rest.data(), raw.bufferDataCursor);
+  for (unsigned headerSize = 0, packageSize = 0; CheckIpcPackageComplete(&raw, &headerSize, &packageSize);) {
+    const char* body = raw.read(headerSize) != nullptr ? raw.read(packageSize) : nullptr;
+    if (body == nullptr) abort();  // the check promised both
+    Touch(body, packageSize);
+  }
+  // Pass 2: the rest as items.
+  FeedStream(BuildStream(&input, bufferSize), bufferSize);
   return 0;
 }

@@ -28,27 +28,24 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <android-base/unique_fd.h>
 
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "fuzz_support.h"
-#include "support/namespaces.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
+#include "support/namespaces.h"
 
 namespace {
 
 using Kavo::Bpf::KavoBpfService;
-using Kavo::Bpf::KavoTaskManager;
-using kavo::fuzz::Input;
 
-constexpr char kSeparator = '\x01';
 const char* const kTargets[] = {"/dmabuf:", "anon_inode:dmabuf", "/dev/null", "/dmabuf:system-heap"};
 
 struct StandInMap { const char* path; uint32_t keySize, valueSize; };
@@ -61,92 +58,57 @@ const StandInMap kMaps[] = {
     {"/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_process_mmap_infos", 4, 4},
 };
 
-void PinStandInMaps() {
-  mkdir("/sys/fs/bpf/kavo", 0755);
-  for (const StandInMap& map : kMaps) {
-    android::base::unique_fd fd(bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, map.keySize, map.valueSize, 4096, nullptr));
-    if (fd.get() < 0 || bpf_obj_pin(fd.get(), map.path) != 0) {
-      fprintf(stderr, "proc_readers_fuzzer: no stand-in for %s (%s); the seedings stop early\n", map.path,
-              strerror(errno));
-      return;
-    }
-  }
-}
-
-std::vector<std::string> Sections(const uint8_t* data, size_t size) {
-  std::vector<std::string> sections(1);
-  for (size_t i = 0; i < size; ++i) {
-    if (data[i] == static_cast<uint8_t>(kSeparator)) {
-      sections.emplace_back();
-    } else {
-      sections.back() += static_cast<char>(data[i]);
-    }
-  }
-  return sections;
-}
-
-void RemoveTree(const std::string& dir) {
-  for (const char* sub : {"/fd", "/fdinfo"}) {
-    std::string path = dir + sub;
-    for (int fd = 0; fd < 4; ++fd) unlink((path + "/" + std::to_string(fd)).c_str());
-    rmdir(path.c_str());
-  }
-  for (const char* file : {"/status", "/stat", "/maps"}) unlink((dir + file).c_str());
-  rmdir(dir.c_str());
-}
-
-struct Process { int pid, fds; };  // a made-up process and how many descriptors it has
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kavo::fuzz::QuietLog();
-  if (kavo::fuzz::PrivateMounts(/*fakeProc=*/true, /*bpffs=*/true)) PinStandInMaps();
+  if (!kavo::fuzz::PrivateMounts(/*fakeProc=*/true, /*bpffs=*/true)) return 0;
+  kavo::test::MakeDirs("/sys/fs/bpf/kavo");
+  for (const StandInMap& map : kMaps) {
+    android::base::unique_fd fd(bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, map.keySize, map.valueSize, 4096, nullptr));
+    if (fd.get() < 0 || bpf_obj_pin(fd.get(), map.path) != 0) {
+      fprintf(stderr, "proc_readers_fuzzer: no stand-in for %s (%s); the seedings stop early\n", map.path, strerror(errno));
+      break;
+    }
+  }
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<std::string> sections = Sections(data, size);
-  Input shape(reinterpret_cast<const uint8_t*>(sections[0].data()), sections[0].size());
-  size_t nextSection = 1;
-  auto content = [&](std::string* text) {
-    if (nextSection >= sections.size()) return false;
-    *text = sections[nextSection++];
-    return true;
-  };
-
-  std::vector<Process> processes;
-  const int count = 1 + shape.Byte() % 3;
-  std::vector<uint8_t> targets;
-  for (int i = 0; i < count; ++i) {
-    uint8_t pidByte = shape.Byte();
-    uint8_t fdByte = shape.Byte();
-    processes.push_back({100 + pidByte, fdByte % 4});
-    targets.push_back(fdByte >> 2);
+  std::vector<std::string> sections(1);  // separated by the byte 0x01
+  for (size_t i = 0; i < size; ++i) {
+    if (data[i] == 1) sections.emplace_back();
+    else sections.back() += static_cast<char>(data[i]);
   }
-  for (size_t i = 0; i < processes.size(); ++i) {
-    const std::string dir = "/proc/" + std::to_string(processes[i].pid);
-    mkdir(dir.c_str(), 0755);
-    std::string text;
+  kavo::fuzz::Input shape(reinterpret_cast<const uint8_t*>(sections[0].data()), sections[0].size());
+  size_t next = 1;  // the next file's section; past the last one, files are left out
+  struct Process { int pid, fds; uint8_t targets; };
+  std::vector<Process> processes(1 + shape.Byte() % 3);
+  for (Process& p : processes) {
+    p.pid = 100 + shape.Byte();
+    const uint8_t fdByte = shape.Byte();
+    p.fds = fdByte % 4, p.targets = fdByte >> 2;
+  }
+  for (const Process& p : processes) {
+    const std::string dir = "/proc/" + std::to_string(p.pid);
+    kavo::test::MakeDirs(dir + "/fdinfo");
+    kavo::test::MakeDirs(dir + "/fd");
     for (const char* file : {"/status", "/stat", "/maps"}) {
-      if (content(&text)) kavo::test::WriteFile(dir + file, text);
+      if (next < sections.size()) kavo::test::WriteFile(dir + file, sections[next++]);
     }
-    mkdir((dir + "/fd").c_str(), 0755);
-    mkdir((dir + "/fdinfo").c_str(), 0755);
-    for (int fd = 0; fd < processes[i].fds; ++fd) {
-      const char* target = kTargets[(targets[i] >> (2 * fd)) % 4];
-      symlink(target, (dir + "/fd/" + std::to_string(fd)).c_str());
-      if (content(&text)) kavo::test::WriteFile(dir + "/fdinfo/" + std::to_string(fd), text);
+    for (int fd = 0; fd < p.fds; ++fd) {
+      symlink(kTargets[(p.targets >> (2 * fd)) % 4], (dir + "/fd/" + std::to_string(fd)).c_str());
+      if (next < sections.size()) kavo::test::WriteFile(dir + "/fdinfo/" + std::to_string(fd), sections[next++]);
     }
   }
 
   KavoBpfService* service = KavoBpfService::GetInstance();
-  for (const Process& process : processes) {
+  for (const Process& p : processes) {
     Kavo::Bpf::UpdateProcessExdata info = {};
-    service->getProcessInfo(process.pid, &info);
+    service->getProcessInfo(p.pid, &info);
     if (info.comm[sizeof(info.comm) - 1] != '\0') abort();  // the name is always terminated
-    for (int fd = 0; fd < process.fds; ++fd) {
-      std::string fdinfo = "/proc/" + std::to_string(process.pid) + "/fdinfo/" + std::to_string(fd);
+    for (int fd = 0; fd < p.fds; ++fd) {
+      const std::string fdinfo = "/proc/" + std::to_string(p.pid) + "/fdinfo/" + std::to_string(fd);
       service->GetFdSize(fdinfo);
       service->GetFdInode(fdinfo);
     }
@@ -157,10 +119,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   service->initFdBpfProg();
   service->initDmabufBpfProg();
 
-  {
-    std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
-    for (const Process& process : processes) KavoTaskManager::GetInstance()->DelKavoTask(process.pid);
+  std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);
+  for (const Process& p : processes) {
+    Kavo::Bpf::KavoTaskManager::GetInstance()->DelKavoTask(p.pid);
+    std::error_code ignored;  // this process's own entry leads into the real procfs: left alone
+    if (p.pid != getpid()) std::filesystem::remove_all("/proc/" + std::to_string(p.pid), ignored);
   }
-  for (const Process& process : processes) RemoveTree("/proc/" + std::to_string(process.pid));
   return 0;
 }

@@ -32,8 +32,6 @@
 // assertions cannot fire either. /proc is an empty private tmpfs, so name
 // refreshes fail the same way on every run.
 
-#include <stddef.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -44,19 +42,14 @@
 #include <string>
 #include <vector>
 
-#include "support/event_sink.h"
 #include "fuzz_support.h"
 #include "service/kavo_bpf_service.h"
 #include "service/kavo_bpf_task_manager.h"
+#include "support/event_sink.h"
 
 namespace {
 
-using Kavo::Bpf::KavoBpfService;
-using Kavo::Bpf::KavoTaskManager;
-using kavo::fuzz::Input;
-
-constexpr size_t kMaxRecords = 64;
-constexpr size_t kMaxRecordSize = 4096;
+using kavo::test::RecordAs;
 
 // The layout size of each raw type, 0 to 7.
 constexpr size_t kLayoutSizes[] = {
@@ -65,40 +58,24 @@ constexpr size_t kLayoutSizes[] = {
     sizeof(kavo_fd_update_event),    sizeof(kavo_dmabuf_update_event),
 };
 
-kavo::test::EventSink* gEverything;
-kavo::test::EventSink* gSome;
-
-[[noreturn]] void Broken(const char* what) {
-  fprintf(stderr, "ring_dispatch_fuzzer: %s\n", what);
-  abort();
-}
-
-// The eight valid types most of the time, the poll counter's 8, 9, anything.
-uint32_t PickType(uint8_t selector, Input* input) {
-  const uint8_t pick = selector % 16;
-  return pick == 12 ? 8 : pick == 13 ? 9 : pick == 14 ? input->U32() : selector % 8;
-}
-
-// The layout's size, shorter than any header needs, around the layout, anything.
-size_t PickSize(uint32_t type, uint16_t choice) {
-  const size_t layout = type <= KAVO_EVENT_RAW_MAX ? kLayoutSizes[type] : 16;
-  const size_t low = choice >> 2;
-  const size_t sizes[] = {layout, low % 24, layout - 8 + low % 17, low % (kMaxRecordSize + 1)};
-  return sizes[choice % 4];
-}
-
-int32_t ReadI32(const std::string& record, size_t at) {
-  int32_t value = 0;
-  if (record.size() >= at + 4) memcpy(&value, record.data() + at, 4);
-  return value;
-}
-
 // Derived events and their sizes.
 const std::map<uint32_t, size_t> kDerivedSizes = {
     {KAVO_EVENT_PROCESS_CREATED, sizeof(kavo_process_created_event)},
     {KAVO_EVENT_PROCESS_EXITED, sizeof(kavo_process_exited_event)},
     {KAVO_EVENT_THREAD_COUNT_CHANGED, sizeof(kavo_thread_count_event)},
     {KAVO_EVENT_MEMORY_CHANGED, sizeof(kavo_memory_changed_event)}};
+
+kavo::test::EventSink* gEverything;
+kavo::test::EventSink* gSome;
+
+void Expect(bool holds, const char* what) {
+  if (holds) return;
+  fprintf(stderr, "ring_dispatch_fuzzer: %s\n", what);
+  abort();
+}
+
+// The i32 at |at| of a record, 0 when it ends before.
+int32_t I32At(const std::string& record, size_t at) { return record.size() >= at + 4 ? RecordAs<int32_t>(record.substr(at)) : 0; }
 
 }  // namespace
 
@@ -111,60 +88,57 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input(data, size);
+  kavo::fuzz::Input input(data, size);
   std::vector<std::string> forwarded;  // what a subscriber to everything must see
   std::set<int32_t> pids;
-  for (size_t n = 0; n < kMaxRecords && !input.empty(); ++n) {
-    uint8_t selector = input.Byte();
-    uint32_t type = PickType(selector, &input);
-    size_t length = PickSize(type, static_cast<uint16_t>(input.U16()));
+  for (size_t n = 0; n < 64 && !input.empty(); ++n) {
+    // The eight valid types most of the time, the poll counter's 8, 9, anything;
+    // the layout's size, shorter than any header needs, around the layout, anything up to 4 KiB.
+    const uint8_t selector = input.Byte(), pick = selector % 16;
+    const uint32_t type = pick == 12 ? 8 : pick == 13 ? 9 : pick == 14 ? input.U32() : selector % 8;
+    const uint16_t choice = static_cast<uint16_t>(input.U16());
+    const size_t layout = type <= KAVO_EVENT_RAW_MAX ? kLayoutSizes[type] : 16, low = choice >> 2;
+    const size_t sizes[] = {layout, low % 24, layout - 8 + low % 17, low % 4097}, length = sizes[choice % 4];
     std::string record = input.Bytes(length);
     if (length >= 4) memcpy(&record[0], &type, 4);
-    if (length >= 16) {
+    if (length >= 16 && (selector & 0x40) != 0) {
       uint64_t time;
       memcpy(&time, &record[8], 8);
-      if ((selector & 0x40) != 0) time %= 10000000000ull;
+      time %= 10000000000ull;
       memcpy(&record[8], &time, 8);
     }
-    if (length >= 24 && (selector & 0x80) != 0) {
-      for (size_t at : {16, 20}) {
-        int32_t pid = 1 + static_cast<uint8_t>(record[at]) % 16;
-        memcpy(&record[at], &pid, 4);
-      }
+    for (size_t at : {16, 20}) {
+      int32_t pid = 1 + static_cast<uint8_t>(length > at ? record[at] : 0) % 16;
+      if (length >= 24 && (selector & 0x80) != 0) memcpy(&record[at], &pid, 4);
+      pids.insert(I32At(record, at));
     }
-    pids.insert(ReadI32(record, 16));
-    pids.insert(ReadI32(record, 20));
 
     // Exactly as large as the record: nothing past it is addressable.
     char* block = static_cast<char*>(malloc(length == 0 ? 1 : length));
-    if (length != 0) memcpy(block, record.data(), length);
-    int result = KavoBpfService::handleBpfRingBuffEvent(nullptr, length == 0 ? nullptr : block,
-                                                        static_cast<unsigned>(length));
+    memcpy(block, record.data(), length);
+    const int result = Kavo::Bpf::KavoBpfService::handleBpfRingBuffEvent(nullptr, length == 0 ? nullptr : block, static_cast<unsigned>(length));
     free(block);
-    bool valid = length >= 4 && type <= KAVO_EVENT_RAW_MAX;
-    if (!valid && result != -1) Broken("an invalid record was not refused");
+    const bool valid = length >= 4 && type <= KAVO_EVENT_RAW_MAX;
+    Expect(valid || result == -1, "an invalid record was not refused");
     if (valid) forwarded.push_back(record);
   }
 
   // What the subscriber to everything received: the valid records, in order,
-  // with derived events in between.
+  // with derived events (of their exact sizes, naming a task the input spoke of) in between.
   size_t next = 0;
   for (const std::string& record : gEverything->Drain()) {
-    uint32_t type = static_cast<uint32_t>(kavo::test::RecordType(record));
+    const uint32_t type = static_cast<uint32_t>(kavo::test::RecordType(record));
     if (type <= KAVO_EVENT_RAW_MAX) {
-      if (next >= forwarded.size() || record != forwarded[next]) Broken("a raw record arrived changed or out of turn");
-      ++next;
-    } else if (kDerivedSizes.count(type) == 0 || record.size() != kDerivedSizes.at(type)) {
-      Broken("a derived event of an unknown type or size");
+      Expect(next < forwarded.size() && record == forwarded[next++], "a raw record arrived changed or out of turn");
     } else {
-      // A derived event names a task the input spoke of.
-      pids.insert(ReadI32(record, 4));
+      Expect(kDerivedSizes.count(type) != 0 && record.size() == kDerivedSizes.at(type), "a derived event of an unknown type or size");
+      pids.insert(I32At(record, 4));
     }
   }
-  if (next != forwarded.size()) Broken("a valid record was not forwarded");
+  Expect(next == forwarded.size(), "a valid record was not forwarded");
   gSome->Drain();
 
-  std::lock_guard<std::mutex> guard(KavoTaskManager::kavoTaskManagerLock);
-  for (int32_t pid : pids) KavoTaskManager::GetInstance()->DelKavoTask(pid);
+  std::lock_guard<std::mutex> guard(Kavo::Bpf::KavoTaskManager::kavoTaskManagerLock);
+  for (int32_t pid : pids) Kavo::Bpf::KavoTaskManager::GetInstance()->DelKavoTask(pid);
   return 0;
 }
