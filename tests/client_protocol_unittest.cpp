@@ -168,9 +168,8 @@ TEST(ClientService, KavobpfClientPrintsWhatArrives) {
           "kavobpf_client: 4 events (kmem_rss_info: 2, process_created: 1, 99999: 1); subscriptions: 3 accepted, 0 refused (result -1)"}) {
       EXPECT_NE(std::string::npos, text.Output().find(line)) << text.Output();
     }
-    for (const char* part : {"{\"type\":50002,\"name\":\"process_exited\",\"recv_ns\":", ",\"pid\":88,\"comm\":\"qu\\\"ote\\\\sl\"}\n"}) {
+    for (const char* part : {"{\"type\":50002,\"name\":\"process_exited\",\"recv_ns\":", ",\"pid\":88,\"comm\":\"qu\\\"ote\\\\sl\"}\n"})
       EXPECT_NE(std::string::npos, json.Output().find(part)) << json.Output();
-    }
   });
 }
 

@@ -17,9 +17,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,18 +41,6 @@ using namespace std::chrono_literals;
 using kavobpf::Client;
 using kavobpf::Event;
 using namespace kavo::test;
-
-// A child that takes |name|, touches |touched| bytes of anonymous memory and ends; reaped.
-pid_t ForkAndReap(const char* name, size_t touched = 0) {
-  pid_t child = fork();
-  if (child == 0) {
-    prctl(PR_SET_NAME, name);
-    if (touched != 0) memset(mmap(nullptr, touched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), 1, touched);
-    _exit(0);
-  }
-  waitpid(child, nullptr, 0);
-  return child;
-}
 
 // The first event of |type| about |pid|, as its layout T.
 template <typename T>
@@ -85,14 +71,12 @@ TEST(ClientLibrary, TypedEventsEveryRequestsResultAndARestartFollowed) {
     const pid_t child = ForkAndReap("kavo-typed", kTouched);
     std::vector<Event> events;
     ASSERT_TRUE(CollectEvents(client, &events, [child](auto& e) { return !EventsOf(e, KAVO_EVENT_PROCESS_EXITED, child).empty(); }));
-    std::string comm = ReadFile("/proc/self/comm");
-    comm.pop_back();
     auto* created = First<kavo_process_created_event>(events, KAVO_EVENT_PROCESS_CREATED, child);
     auto* exited = First<kavo_process_exited_event>(events, KAVO_EVENT_PROCESS_EXITED, child);
     ASSERT_TRUE(created && exited);
     // Created under this process's name, renamed before it ended (the raw
     // fork and exit records' fields are the kernel side's story).
-    EXPECT_EQ(std::make_tuple(getpid(), int32_t(getuid()), comm, std::string("kavo-typed")),
+    EXPECT_EQ(std::make_tuple(getpid(), int32_t(getuid()), std::string(program_invocation_short_name).substr(0, 15), std::string("kavo-typed")),
               std::make_tuple(created->ppid, created->uid, std::string(kavobpf::Text(created->comm)), std::string(kavobpf::Text(exited->comm))));
     // The largest anonymous size reported: the 8 MiB touched, in bytes, plus
     // what the child shares with this process.
@@ -225,12 +209,6 @@ int Peer(const Identity& who, const std::string& frame = "") {
   });
 }
 
-// The anonymous memory of |pid| in kB.
-long AnonKb(pid_t pid) {
-  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-  return status.find("RssAnon:") == std::string::npos ? -1 : atol(status.c_str() + status.find("RssAnon:") + 8);
-}
-
 TEST(AccessControl, OnlyTrustedPeersAreServed) {
   RunInNamespace([] {
     // The test's own /etc/group, with the group kavobpfd lets in by default.
@@ -254,7 +232,7 @@ TEST(AccessControl, OnlyTrustedPeersAreServed) {
     // A crowd of them, one connection after another, costs no descriptor, no
     // log line and no memory past 512 kB (other processes' records move it a
     // little; 256 bytes kept per connection would pass it).
-    const long anonKb = AnonKb(daemon);
+    const long long anonKb = StatusKb(daemon, "RssAnon:");
     EXPECT_EQ(2000 / 10, As({kNobody, kNobody, {}}, [] {
       int closed = 0;
       for (RawClient client; closed < 2000 && client.Connect() && ClosedUnread(client); client.Close()) ++closed;
@@ -262,14 +240,13 @@ TEST(AccessControl, OnlyTrustedPeersAreServed) {
     }));
     EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors(daemon) <= descriptors; }, 2s))
         << OpenDescriptors(daemon) << " descriptors, " << descriptors << " before";
-    EXPECT_LE(AnonKb(daemon), anonKb + 512) << anonKb << " kB before";
+    EXPECT_LE(StatusKb(daemon, "RssAnon:"), anonKb + 512) << anonKb << " kB before";
     EXPECT_EQ(10u, Occurrences(system.Output(), refused));
 
     // The allowed user, a member of the allowed group through a supplementary
     // group only, and root: each sees the exit of its own child.
-    for (const Identity& trusted : {Identity{12345, 12345, {}}, Identity{23456, 23456, {kAllowedGroup}}, Identity{0, 0, {}}}) {
+    for (const Identity& trusted : {Identity{12345, 12345, {}}, Identity{23456, 23456, {kAllowedGroup}}, Identity{0, 0, {}}})
       EXPECT_EQ(kSawItsChild, Peer(trusted)) << trusted.uid;
-    }
 
     // The request whose sizes disagree, which ends the service when a trusted
     // peer sends it (ClientBadInput), is never read from another user.

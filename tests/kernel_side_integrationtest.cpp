@@ -10,7 +10,6 @@
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <string.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -46,26 +45,13 @@ namespace {
 using namespace std::chrono_literals;
 using Kavo::Bpf::AttachAllKavoBpfProgram;
 using Kavo::Bpf::KavoBpfService;
-using kavo::test::Counted;
-using kavo::test::PathExists;
-using kavo::test::ReadControlWord;
-using kavo::test::RunCommand;
-using kavo::test::ToolPath;
-using kavo::test::WaitUntil;
+using namespace kavo::test;
 
 constexpr int64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
 const std::vector<std::pair<std::string, std::string>> kKprobes = {
     {"KavoBpfDefineset", "enter_fd_install"},       {"KavoBpfGplDefineset", "dma_buf_file_release"},
     {"KavoBpfGplDefineset", "dma_buf_stats_setup"}, {"KavoBpfGplDefineset", "dma_buf_dynamic_attach"},
     {"KavoBpfGplDefineset", "dma_buf_vmap"},        {"KavoBpfGplDefineset", "dma_buf_mmap_internal"}};
-
-struct bpf_map_info MapInfo(const std::string& path) {
-  struct bpf_map_info info = {};
-  android::base::unique_fd fd(bpf_obj_get(path.c_str()));
-  __u32 length = sizeof(info);
-  if (fd.get() >= 0) bpf_obj_get_info_by_fd(fd.get(), &info, &length);
-  return info;
-}
 
 // Kprobe programs of |set| (but |except|) that the kernel will not attach as
 // the loader pinned them (|loaded| is its output).
@@ -93,8 +79,7 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     std::vector<std::vector<std::string>> bad = {{"--ring-size"}, {"--probe-flavour"}, {"--bogus"}, {"stray"},
                                                  {"--probe-flavour", "fentry"}, {"--probe-flavour", "KPROBE"}};
     // Ring sizes: a power of two of at least a page, at most 2 GiB.
-    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"})
-      bad.push_back({"--ring-size", size});
+    for (const char* size : {"2048", "4095", "12288", "0", "-4096", "4k", "", "4294967296"}) bad.push_back({"--ring-size", size});
     for (std::vector<std::string>& args : bad) {
       args.insert(args.begin(), ToolPath("kavobpf_loader"));
       auto result = RunCommand(args);
@@ -104,30 +89,27 @@ TEST(Loader, PinsEverythingRefusesWhatIsWrongInOneLineAndCleansUp) {
     }
     if (!Load({"--ring-size", "4096"})) return;
     for (const std::string& path : kavo::test::LoaderPins()) EXPECT_TRUE(PathExists(path)) << path;
-    for (int ring = 0; ring < KavoBpfService::kRingCount; ++ring) {
-      EXPECT_EQ(4096u, MapInfo(KavoBpfService::RINGBUF_MAP_PATH[ring]).max_entries);
+    for (const std::string& ring : KavoBpfService::RINGBUF_MAP_PATH) {
+      struct bpf_map_info info = {};
+      __u32 length = sizeof(info);
+      android::base::unique_fd fd(bpf_obj_get(ring.c_str()));
+      EXPECT_TRUE(bpf_obj_get_info_by_fd(fd.get(), &info, &length) == 0 && info.max_entries == 4096u) << ring;
     }
     // Again with the default: the pins are replaced, not refused. One line
     // per kprobe program, and the summary.
     std::string output;
     ASSERT_TRUE(Load({}, &output));
     EXPECT_EQ(kKprobes.size() + 1, kavo::test::Occurrences(output, "\n")) << output;
-    struct bpf_map_info status = MapInfo(KavoBpfService::RINGBUF_STATUS_PATH[0]);
-    EXPECT_EQ(std::vector<uint32_t>({BPF_MAP_TYPE_ARRAY, 4, 8, 5}),
-              std::vector<uint32_t>({status.type, status.key_size, status.value_size, status.max_entries}));
-    EXPECT_EQ(48u, MapInfo(KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map").value_size);
 
     EXPECT_EQ(0, RunCommand({ToolPath("kavobpf_loader"), "--unload"}).exitCode);
     EXPECT_FALSE(PathExists(KavoBpfService::BPF_FS_PATH));
     EXPECT_EQ(0, RunCommand({ToolPath("kavobpf_loader"), "--unload"}).exitCode) << "nothing to unload is fine";
 
     // Root without the capabilities loading takes: the set refused, nothing pinned.
-    auto refused = RunCommand(
-        {"setpriv", "--inh-caps=-all", "--bounding-set=-bpf,-sys_admin,-perfmon", ToolPath("kavobpf_loader")});
+    auto refused = RunCommand({"setpriv", "--inh-caps=-all", "--bounding-set=-bpf,-sys_admin,-perfmon", ToolPath("kavobpf_loader")});
     EXPECT_EQ(1, refused.exitCode);
-    EXPECT_NE(std::string::npos, refused.output.find("kavobpf_loader: the kernel refused KavoBpfDefineset: Operation "
-                                                     "not permitted (needs root, or CAP_BPF and CAP_PERFMON)"))
-        << refused.output;
+    EXPECT_NE(std::string::npos, refused.output.find("kavobpf_loader: the kernel refused KavoBpfDefineset: Operation not permitted "
+                                                     "(needs root, or CAP_BPF and CAP_PERFMON)")) << refused.output;
     for (const std::string& path : kavo::test::LoaderPins()) EXPECT_FALSE(PathExists(path)) << path;
     ASSERT_EQ(0, mount("tmpfs", "/sys/fs/bpf", "tmpfs", 0, nullptr));
     auto noBpffs = RunCommand({ToolPath("kavobpf_loader")});
@@ -143,8 +125,7 @@ std::vector<kavo::loader::ProgramSection> ObjectPrograms(size_t set) {
   struct kavo_bpf_object_image image = kavo_bpf_object_image(set);
   struct bpf_object* object = bpf_object__open_mem(image.data, image.size, nullptr);
   struct bpf_program* prog;
-  bpf_object__for_each_program(prog, object)
-      sections.push_back({bpf_program__name(prog), bpf_program__section_name(prog)});
+  bpf_object__for_each_program(prog, object) sections.push_back({bpf_program__name(prog), bpf_program__section_name(prog)});
   bpf_object__close(object);
   return sections;
 }
@@ -161,8 +142,7 @@ std::string Choose(size_t set, const std::string& program, kavo::loader::ProbeFl
   };
   std::vector<kavo::loader::ProbeChoice> choices;
   std::string error;
-  EXPECT_TRUE(kavo::loader::ChooseProbePrograms(ObjectPrograms(set), flavour, kprobes, loads, &choices, &error))
-      << error;
+  EXPECT_TRUE(kavo::loader::ChooseProbePrograms(ObjectPrograms(set), flavour, kprobes, loads, &choices, &error)) << error;
   for (const auto& c : choices) {
     if (c.program == program) return c.chosen + " " + c.flavour + " " + c.function + (c.why.empty() ? "" : " " + c.why);
   }
@@ -174,12 +154,10 @@ TEST(Loader, PinsKprobesWhereTheKernelHasThemAndTrampolineTwinsElsewhere) {
   int asked = 0;  // with kprobes, trampolines are never tried
   EXPECT_EQ("enter_fd_install kprobe fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kAuto, true, {}, &asked));
   EXPECT_EQ("dma_buf_vmap kprobe dma_buf_vmap", Choose(1, "dma_buf_vmap", ProbeFlavour::kAuto, true, {}, &asked));
-  EXPECT_EQ("enter_fd_install kprobe fd_install",
-            Choose(0, "enter_fd_install", ProbeFlavour::kKprobe, false, {}, &asked));
+  EXPECT_EQ("enter_fd_install kprobe fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kKprobe, false, {}, &asked));
   EXPECT_EQ(0, asked);
   EXPECT_EQ("enter_fd_install__fentry fentry fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kAuto, false));
-  EXPECT_EQ("enter_fd_install__fentry fentry fd_install",
-            Choose(0, "enter_fd_install", ProbeFlavour::kTrampoline, true));
+  EXPECT_EQ("enter_fd_install__fentry fentry fd_install", Choose(0, "enter_fd_install", ProbeFlavour::kTrampoline, true));
   EXPECT_EQ("dma_buf_stats_setup__export fexit dma_buf_export",
             Choose(1, "dma_buf_stats_setup", ProbeFlavour::kAuto, false, {"dma_buf_stats_setup"}));
   EXPECT_EQ(
@@ -207,11 +185,8 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     EXPECT_EQ(Unattachable(loaded, "KavoBpfDefineset"),
               AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
-    for (size_t i = 1; i < kKprobes.size(); ++i) {
-      EXPECT_EQ(
-          1u, log.Count("Skip bpf prog: KavoBpfGplDefineset, progName: " + kKprobes[i].second + ", kernelCompat: 6.1+",
-                        ANDROID_LOG_WARN));
-    }
+    for (size_t i = 1; i < kKprobes.size(); ++i)
+      EXPECT_EQ(1u, log.Count("Skip bpf prog: KavoBpfGplDefineset, progName: " + kKprobes[i].second + ", kernelCompat: 6.1+", ANDROID_LOG_WARN));
     EXPECT_EQ(5u, log.Count("Skip bpf prog"));
     EXPECT_EQ(7u, log.Count("Attach bpf prog start:")) << "five base programs and the two GPL tracepoints";
 
@@ -224,22 +199,19 @@ TEST(Catalogue, AttachedOnTheRunningKernelAndAt515) {
     ASSERT_NE(nullptr, service) << why;
     for (const auto& [set, program] : kKprobes) {
       EXPECT_EQ(kavo::test::PinnedProbeAttaches(kavo::test::PinnedProbeOf(loaded, set, program)) ? 0u : 1u,
-                log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ",
-                          ANDROID_LOG_ERROR))
+                log.Count("Attach kprobe prog failed: " + set + ", progname: " + program + ", msg: ", ANDROID_LOG_ERROR))
           << program;
     }
-    EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ",
-                            ANDROID_LOG_ERROR));
+    EXPECT_EQ(1u, log.Count("Attach tracepoint prog failed: KavoBpfDefineset, type: sched_sched_switch, msg: ", ANDROID_LOG_ERROR));
     EXPECT_TRUE(log.WaitFor("[KavoBpfService][eventProduceThread] Attach all kavo bpf error: " +
                             std::to_string(1 + Unattachable(loaded, "KavoBpfDefineset"))));
     const int gplFailures = Unattachable(loaded, "KavoBpfGplDefineset");
     EXPECT_TRUE(gplFailures == 0 || log.WaitFor("[KavoBpfService][gpleventProduceThread] Attach all kavo bpf error: " +
                                                 std::to_string(gplFailures)));
     kavo::test::EventSink client({KAVO_EVENT_TASK_CREATE});
-    const pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
+    const pid_t child = kavo::test::ForkAndReap();
     EXPECT_TRUE(WaitUntil([&] {
-      for (const std::string& r : client.Drain())
-        if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
+      for (const std::string& r : client.Drain()) if (kavo::test::RecordAs<kavo_fork_event>(r).pid == child) return true;
       return false;
     })) << "the fork program beside the refused one";
     service->stop();
@@ -271,7 +243,7 @@ TEST(Catalogue, ATracingProgramInAKprobesPlaceIsAttachedThroughALink) {
     }
     kavo::test::LogCapture log;
     EXPECT_EQ(0, AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_EVENT_MAP));
-    kavo::test::ForkAndReapChildren(3);
+    for (int i = 0; i < 3; ++i) kavo::test::ForkAndReap();
     EXPECT_EQ(3, ReadControlWord(counter));
     EXPECT_EQ(1 + Unattachable(loaded, "KavoBpfGplDefineset", "dma_buf_vmap"),
               AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR, KavoBpfService::PROG_GPL_EVENT_MAP));
@@ -279,9 +251,8 @@ TEST(Catalogue, ATracingProgramInAKprobesPlaceIsAttachedThroughALink) {
     // The directory walk: a second link, so each fork now counts twice.
     log.Clear();
     AttachAllKavoBpfProgram(KavoBpfService::BPF_PROG_DIR);
-    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, "
-                            "eventName: fd_install"));
-    kavo::test::ForkAndReapChildren(2);
+    EXPECT_EQ(1u, log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter_fd_install, eventName: fd_install"));
+    for (int i = 0; i < 2; ++i) kavo::test::ForkAndReap();
     EXPECT_EQ(3 + 2 * 2, ReadControlWord(counter));
   });
 }
@@ -357,22 +328,21 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     EXPECT_GE(forks[0].header.time_ns, before);
     auto exits = RecordsOf<kavo_exit_event>(records0, KAVO_EVENT_TASK_EXIT, pid);
     ASSERT_EQ(2u, exits.size()) << "the thread, then the process";
-    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_THREAD, KAVO_TASK_PROCESS}),
-              std::vector<uint32_t>({exits[0].kind, exits[1].kind}));
+    EXPECT_EQ(std::vector<uint32_t>({KAVO_TASK_THREAD, KAVO_TASK_PROCESS}), std::vector<uint32_t>({exits[0].kind, exits[1].kind}));
     EXPECT_LE(forks[0].header.time_ns, exits[1].header.time_ns);
     EXPECT_FALSE(RecordsOf<kavo_rss_event>(records0, KAVO_EVENT_RSS_STAT, pid).empty()) << "its memory grew";
     auto moves = RecordsOf<kavo_cgroup_attach_event>(records1, KAVO_EVENT_CGROUP_ATTACH, pid);
     ASSERT_EQ(1u, moves.size());
     EXPECT_NE(std::string::npos, cgroup.find(moves[0].dst_path)) << moves[0].dst_path;
-    for (const std::string& raw : records1)
-      EXPECT_NE(KAVO_EVENT_TASK_EXIT, kavo::test::RecordType(raw)) << "ring 0's alone";
+    for (const std::string& raw : records1) EXPECT_NE(KAVO_EVENT_TASK_EXIT, kavo::test::RecordType(raw)) << "ring 0's alone";
   });
 }
 
 // The service on the real kernel (that each fork is counted is
 // ProcessChurn's, that each process of a burst reaches a client once is
 // EndToEnd's): a process that held dma-bufs ends, the GPL set forgets it and
-// its end reaches the client; stop() ends both monitors at once.
+// its end reaches the client; stop() ends both monitors (within 2 s, while
+// they poll, is Kavobpfd's).
 TEST(RingMonitor, DmabufEndsReachTheClientAndStopEndsBoth) {
   kavo::test::RunInNamespace([] {
     std::string why;
@@ -411,7 +381,7 @@ TEST(RingMonitor, DmabufEndsReachTheClientAndStopEndsBoth) {
     ASSERT_EQ(0, bpf_map_update_elem(uses.get(), &key, &use, BPF_ANY));
     ASSERT_EQ(1, write(go[1], "g", 1));
     waitpid(holder, nullptr, 0);
-    const pid_t plain = kavo::test::ForkAndReapChildren(1).at(0);
+    const pid_t plain = kavo::test::ForkAndReap();
     ASSERT_TRUE(WaitUntil([&] { collect(); return deaths.count(plain) > 0 && !ends.empty(); }, 10s));
     EXPECT_EQ(0, std::count_if(ends.begin(), ends.end(), [&](auto& e) { return e.pid == plain; }))
         << "a process without dma-bufs ends silently";
@@ -422,11 +392,8 @@ TEST(RingMonitor, DmabufEndsReachTheClientAndStopEndsBoth) {
     EXPECT_NE(0, bpf_map_lookup_elem(charged.get(), &holder, &stat));
     EXPECT_NE(0, bpf_map_lookup_elem(uses.get(), &key, &use));
 
-    auto before = std::chrono::steady_clock::now();
     service->stop();
-    auto waited = std::async(std::launch::async, [service] { return service->Wait(); });
-    ASSERT_EQ(std::future_status::ready, waited.wait_for(3s)) << "monitors still polling after stop()";
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+    EXPECT_EQ(0, service->Wait());
     EXPECT_TRUE(log.Contains("[KavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN));
     EXPECT_TRUE(log.Contains("[KavoBpfService][gpleventMonitor] Stop GPL Event Produce Thread...", ANDROID_LOG_WARN));
   });
@@ -452,8 +419,7 @@ TEST(RingMonitor, SixPollFailuresInARowEndAMonitorFiveDoNot) {
     log.Clear();
     kavo::test::EventSink client({KAVO_EVENT_DMABUF_UPDATE});
     ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_RAW_MAX + 1, 5, &why)) << why;
-    ASSERT_TRUE(
-        kavo::test::WriteRingRecords(ring, KAVO_EVENT_DMABUF_UPDATE, 1, &why, sizeof(kavo_dmabuf_update_event)));
+    ASSERT_TRUE(kavo::test::WriteRingRecords(ring, KAVO_EVENT_DMABUF_UPDATE, 1, &why, sizeof(kavo_dmabuf_update_event)));
     auto monitor = std::async(std::launch::async, [service] { return service->eventMonitor(); });
     EXPECT_TRUE(WaitUntil([&] { return client.Drain().size() == 1; }, 15s));
     // The poll that delivered it reads on until the ring is empty: the next
@@ -494,8 +460,7 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
     Kavo::Bpf::RingWakeup wakeup;
     ASSERT_TRUE(wakeup.map(KavoBpfService::RINGBUF_CONSUMER_PATH[0], ring.get()));
     android::base::unique_fd wordFd(bpf_obj_get(KavoBpfService::RINGBUF_CONSUMER_PATH[0].c_str()));
-    auto* word =
-        static_cast<volatile uint64_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, wordFd.get(), 0));
+    auto* word = static_cast<volatile uint64_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, wordFd.get(), 0));
     ASSERT_NE(MAP_FAILED, static_cast<void*>(const_cast<uint64_t*>(word)));
 
     *word = UINT64_MAX;  // busy with what it has: awake for good
@@ -504,7 +469,7 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
       while (epoll_wait(epollFd, &event, 1, 0) > 0);
       std::this_thread::sleep_for(10ms);
     }
-    const pid_t unwoken = kavo::test::ForkAndReapChildren(1).at(0);
+    const pid_t unwoken = kavo::test::ForkAndReap();
     EXPECT_EQ(0, epoll_wait(epollFd, &event, 1, 200)) << "a record woke a consumer that is awake";
     EXPECT_TRUE(wakeup.beforeWait()) << "its record is there for the look before it waits";
     EXPECT_EQ(0u, *word);
@@ -514,7 +479,7 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
     bool pending = true;  // waiting now: once its look found nothing, the next record wakes it
     for (int look = 0; look < 1000 && (pending = wakeup.beforeWait()); ++look) ring_buffer__consume(consumer);
     ASSERT_FALSE(pending) << "records kept coming";
-    const pid_t woken = kavo::test::ForkAndReapChildren(1).at(0);
+    const pid_t woken = kavo::test::ForkAndReap();
     EXPECT_TRUE(WaitUntil([&] {
       if (epoll_wait(epollFd, &event, 1, 100) > 0) ring_buffer__consume(consumer);
       return std::count(taken.begin(), taken.end(), woken) > 0;

@@ -6,7 +6,6 @@
 #include <android/log.h>
 #include <bpf/bpf.h>
 #include <fcntl.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,8 +33,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Kavo::Bpf::KavoBpfService;
-using kavo::test::AddFakeFd;
-using kavo::test::FakeProcess;
+using namespace kavo::test;
 
 const std::string kFdMap = "/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_map";
 const std::string kGpl = "/sys/fs/bpf/kavo/map_KavoBpfGplDefineset_";
@@ -64,7 +62,7 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
   kavo::test::RunInNamespace([] {
     std::string why;
     if (!kavo::test::LoadKernelSide(&why)) KAVO_KERNEL_SKIP(why);
-    kavo::test::MountFakeProc();
+    ASSERT_TRUE(MountFakeProc(/*keepOwnProc=*/false, &why)) << why;  // the loader ran on the real one
     WriteProcess(100, "abcdefgh");
     for (int fd = 0; fd < 3; ++fd) AddFakeFd(100, fd, "/dev/null");
     WriteProcess(101, "averyveryverylongname");
@@ -103,8 +101,7 @@ TEST(MapSeeding, DescriptorsAndDmabufsFromAMadeUpProcAndMissingMaps) {
       EXPECT_EQ(8192, totals[200].total) << map;  // one buffer, two descriptors
       EXPECT_EQ(1 << 20, totals[201].total) << map;
     }
-    EXPECT_TRUE(
-        log.Contains("[KavoBpfService][IMIT] Task not exists, so we skip it (/proc/201/maps)", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.Contains("[KavoBpfService][IMIT] Task not exists, so we skip it (/proc/201/maps)", ANDROID_LOG_WARN));
     EXPECT_FALSE(log.Contains("/proc/200/maps"));
 
     // Without the maps each seeding stops at its first and says why.
@@ -226,9 +223,8 @@ TEST(MapSeeding, TheFdProgramFollowsAProcessAndReportsEachStep) {
                                                            {first + 20, first + 4 * kStep},
                                                            {first + 20 + kStep, first + 20}};
     ASSERT_EQ(expected.size(), records.size());
-    for (size_t i = 0; i < records.size(); ++i) {
+    for (size_t i = 0; i < records.size(); ++i)
       EXPECT_EQ(expected[i], std::make_pair(records[i].fd_count, records[i].reported_fd_count)) << i;
-    }
     service->stop();
     EXPECT_EQ(0, service->Wait());
   });

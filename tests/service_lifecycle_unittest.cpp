@@ -143,9 +143,8 @@ TEST(ServiceLifecycle, RingSwitchesAndTheThrottledStatusCheck) {
       EXPECT_TRUE(service->checkBpfRingBuffStatus(0, false) == !looks && ReadControlWord(status0) == (looks ? 0x4 : 0x5)) << at;
     }
     EXPECT_TRUE(!service->checkBpfRingBuffStatus(0, true) && service->checkBpfRingBuffStatus(0, true));
-    for (const char* line : {"bpf ringbuff full!", "avail data: "}) {
+    for (const char* line : {"bpf ringbuff full!", "avail data: "})
       EXPECT_EQ(4u, log.Count(std::string("[KavoBpfService][checkBpfRingBuffStatus] ") + line, ANDROID_LOG_WARN)) << line;
-    }
     gWallClock = 0;
   });
 }
@@ -180,9 +179,8 @@ TEST(ServiceLifecycle, DispatchOfRecordsByType) {
   LogCapture log;
   uint64_t before[KAVO_EVENT_RAW_MAX + 1];
   for (int type = 0; type <= KAVO_EVENT_RAW_MAX; ++type) before[type] = Counted(type);
-  for (uint32_t type : {8u, 9u}) {
+  for (uint32_t type : {8u, 9u})
     EXPECT_TRUE(Dispatch(kavo_event_header{type, 0, 1}) == -1 && log.Contains("[KavoBpfService] handleEvent ERROR!!! Type: " + std::to_string(type), ANDROID_LOG_ERROR));
-  }
   // A record too short to hold a type is refused the same way, without a read past it.
   EXPECT_TRUE(DispatchBytes(std::string("\x05\x00", 2)) == -1 && log.Contains("[KavoBpfService] handleEvent ERROR!!! Size: 2", ANDROID_LOG_ERROR));
   EXPECT_TRUE(subscriber.Drain().empty());

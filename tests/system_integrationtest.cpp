@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "service/kavo_bpf_service.h"
 #include "support/harness.h"
 #include "support/kernel.h"
 #include "support/kernel_stand_ins.h"
@@ -23,10 +24,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using kavo::test::ChildProcess;
-using kavo::test::EventsOf;
-using kavo::test::RunCommand;
-using kavo::test::ToolPath;
+using Kavo::Bpf::KavoBpfService;
+using namespace kavo::test;
 
 // Starts kavobpfd with |args|, waits for |line|, stops it with |sig|: it
 // must exit 0 within 2 seconds.
@@ -48,12 +47,8 @@ TEST(Kavobpfd, OptionsAndAStopWithin2sWhateverTheServiceIsDoing) {
                                  "persist.sys.stability.bpfframework.disable"}) {
     EXPECT_NE(std::string::npos, help.output.find(documented)) << documented;
   }
-  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--bogus"},
-                                              {"--prop"},
-                                              {"--prop", "novalue"},
-                                              {"--prop", "=x"},
-                                              {"stray"},
-                                              {"--allow-uid", "no-such-user"}}) {
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--bogus"}, {"--prop"}, {"--prop", "novalue"},
+                                              {"--prop", "=x"}, {"stray"}, {"--allow-uid", "no-such-user"}}) {
     std::vector<std::string> argv = {ToolPath("kavobpfd")};
     argv.insert(argv.end(), bad.begin(), bad.end());
     auto result = RunCommand(argv, 5);
@@ -90,25 +85,19 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
     // The scan took /proc's kB as 1024 bytes: the table shows what /proc shows.
     auto table = kavo::test::DumpTaskTable(*system.daemon());
     ASSERT_EQ(1u, table.count(scanned.pid()));
-    const std::string status = kavo::test::ReadFile("/proc/" + std::to_string(scanned.pid()) + "/status");
-    auto kb = [&](const char* key) {
-      size_t at = status.find(key);
-      return at == std::string::npos ? std::string("?") : std::to_string(atoll(status.c_str() + at + strlen(key)));
-    };
-    EXPECT_EQ(kb("RssAnon:"), table[scanned.pid()][4]);
-    EXPECT_EQ(kb("RssFile:"), table[scanned.pid()][6]);
+    EXPECT_EQ(std::to_string(StatusKb(scanned.pid(), "RssAnon:")), table[scanned.pid()][4]);
+    EXPECT_EQ(std::to_string(StatusKb(scanned.pid(), "RssFile:")), table[scanned.pid()][6]);
 
     kavobpf::Client client({kavobpf::kDefaultSocket, 1000000});  // every fork of the machine, while the test waits
     ASSERT_TRUE(client.Connect(5s));
-    for (int32_t type :
-         std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
-                              KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED}) {
+    for (int32_t type : std::vector<int32_t>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT, KAVO_EVENT_PROCESS_CREATED,
+                                             KAVO_EVENT_PROCESS_EXITED, KAVO_EVENT_THREAD_COUNT_CHANGED, KAVO_EVENT_MEMORY_CHANGED})
       ASSERT_EQ(kavobpf::kAccepted, client.Subscribe(type));
-    }
     // Both wait 3.5 s, past the settling time before threads and memory count.
     ChildProcess threads({ToolPath("kavo_workload"), "threads", "40", "3500"});
     ChildProcess touch({ToolPath("kavo_workload"), "touch", "8", "3500"});
-    const std::vector<pid_t> children = kavo::test::ForkAndReapChildren(100);
+    std::vector<pid_t> children(100);
+    for (pid_t& child : children) child = kavo::test::ForkAndReap();
     std::vector<kavobpf::Event> events;
     auto grown = [&](const std::vector<kavobpf::Event>& all) {
       int64_t baseline = -1, peak = -1;  // the memory is freed before it exits
@@ -122,9 +111,7 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
     EXPECT_TRUE(kavo::test::CollectEvents(
         client, &events,
         [&](const std::vector<kavobpf::Event>& all) {
-          for (pid_t child : children) {
-            if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, child).empty()) return false;
-          }
+          for (pid_t child : children) if (EventsOf(all, KAVO_EVENT_PROCESS_EXITED, child).empty()) return false;
           return !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, touch.pid()).empty() &&
                  !EventsOf(all, KAVO_EVENT_PROCESS_EXITED, threads.pid()).empty() && grown(all) >= (8 << 20);
         },
@@ -147,6 +134,9 @@ TEST(EndToEnd, EveryProcessIsCreatedAndExitsAndAgedOnesReportThreadsAndMemory) {
     }
     EXPECT_TRUE(reported) << "no thread count change 1 -> 12";
     EXPECT_GE(grown(events), 8 << 20) << "anonymous memory grown, in bytes";
+    // With this ring nothing is lost, and so nothing repaired.
+    ASSERT_EQ(0, kavo::test::ReadControlWord(KavoBpfService::RINGBUF_LOST_PATH[0])) << "the large ring lost records: the machine is too busy";
+    EXPECT_EQ(0u, kavo::test::Occurrences(system.Output(), "[KavoBpfService][resyncTaskTable] lost records: ")) << system.Output();
     EXPECT_EQ(0, system.Stop()) << system.Output();
   });
 }

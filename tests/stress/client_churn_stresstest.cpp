@@ -100,10 +100,8 @@ TEST(ClientChurn, TwoHundredClientsComeAndGoAndLeaveNothingBehind) {
 
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return service->getClientQueueLengths().empty(); }))
         << service->getClientQueueLengths().size() << " queues left";
-    for (int type : std::vector<int>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_RSS_STAT, KAVO_EVENT_PROCESS_CREATED,
-                                     KAVO_EVENT_PROCESS_EXITED}) {
+    for (int type : std::vector<int>{KAVO_EVENT_TASK_CREATE, KAVO_EVENT_RSS_STAT, KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED})
       EXPECT_TRUE(Kavo::Bpf::EventManager::GetInstance()->observersOf(type).empty()) << "type " << type;
-    }
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return kavo::test::OpenDescriptors(getpid()) == descriptors; }));
     EXPECT_FALSE(log.Contains("Accept client failed"));
     log.Clear();
@@ -117,7 +115,7 @@ TEST(ClientChurn, TwoHundredClientsComeAndGoAndLeaveNothingBehind) {
     ASSERT_TRUE(fresh.Connect());
     ASSERT_TRUE(fresh.Send(RequestFrame(77, 51, KAVO_EVENT_PROCESS_CREATED)));
     ASSERT_TRUE(Answered(fresh, 77, tally));
-    const pid_t child = kavo::test::ForkAndReapChildren(1).at(0);
+    const pid_t child = kavo::test::ForkAndReap();
     for (auto event = fresh.ReadEvent(5s);; event = fresh.ReadEvent(5s)) {
       ASSERT_TRUE(event) << "no process_created for " << child;
       if (kavo::test::RecordAs<kavo_process_created_event>(*event).pid == child) break;

@@ -41,12 +41,9 @@ TEST(ProcessChurn, EightThousandProcessesLeaveTheTableAsTheyFoundIt) {
     const long long forksBefore = Counted(KAVO_EVENT_TASK_CREATE);
     const long long exitsBefore = Counted(KAVO_EVENT_TASK_EXIT);
     auto start = std::chrono::steady_clock::now();
-    auto workload =
-        kavo::test::RunCommand({kavo::test::ToolPath("kavo_workload"), "forks", std::to_string(kProcesses)}, 180);
+    auto workload = kavo::test::RunCommand({kavo::test::ToolPath("kavo_workload"), "forks", std::to_string(kProcesses)}, 180);
     ASSERT_EQ(0, workload.exitCode) << workload.output;
-    kavo::test::Figure(
-        "forking_ms",
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+    kavo::test::Figure("forking_ms", std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
     EXPECT_TRUE(kavo::test::WaitUntil([&] { return TableExcess() <= baseline; }, std::chrono::seconds(1)))
         << "the table holds " << TableExcess() - baseline << " more processes than are alive";
     EXPECT_GE(Counted(KAVO_EVENT_TASK_CREATE) - forksBefore, kProcesses + 1) << "each seen coming";

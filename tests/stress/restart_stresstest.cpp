@@ -6,8 +6,6 @@
 #include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <set>
 #include <sstream>
@@ -31,8 +29,7 @@ constexpr char kFdMap[] = "/sys/fs/bpf/kavo/map_KavoBpfDefineset_open_fd_caller_
 long long SeededDescriptors(pid_t pid) {
   android::base::unique_fd map(bpf_obj_get(kFdMap));
   kavo_fd_info info = {};
-  return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &info) == 0 ? static_cast<long long>(info.fd_count)
-                                                                            : -1;
+  return map.get() >= 0 && bpf_map_lookup_elem(map.get(), &pid, &info) == 0 ? static_cast<long long>(info.fd_count) : -1;
 }
 
 TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
@@ -41,8 +38,7 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
     std::string why;
     // A process that outlives every daemon: only a scan of /proc finds it.
     kavo::test::ChildProcess holder({"sleep", "600"});
-    ASSERT_TRUE(kavo::test::WaitUntil(
-        [&] { return ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
+    ASSERT_TRUE(kavo::test::WaitUntil([&] { return ReadFile("/proc/" + std::to_string(holder.pid()) + "/comm") == "sleep\n"; }));
     const long long holderFds = static_cast<long long>(kavo::test::OpenDescriptors(holder.pid()));
     std::set<std::string> firstSummary;
     for (int run = 1; run <= 3; ++run) {
@@ -57,9 +53,8 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
       // What the kernel refuses, it refuses each time.
       std::set<std::string> summary;
       std::istringstream output(system.Output());
-      for (std::string line; std::getline(output, line);) {
+      for (std::string line; std::getline(output, line);)
         if (line.find("Attach all kavo bpf error") != std::string::npos) summary.insert(line.substr(line.find('[')));
-      }
       if (run == 1) firstSummary = summary;
       EXPECT_EQ(firstSummary, summary);
       EXPECT_TRUE(kavo::test::WaitUntil([&] { return SeededDescriptors(holder.pid()) == holderFds; }, 10s));
@@ -73,8 +68,7 @@ TEST(Restart, AKilledDaemonComesBackWholeAndThePinsStay) {
       uint32_t size = 32768 + run - 4;
       ASSERT_TRUE(damager.Send(std::string(reinterpret_cast<const char*>(&size), 4)));
       EXPECT_TRUE(kavo::test::WaitUntil([&] {
-        return ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH).find("packageSize: " + std::to_string(32768 + run)) !=
-               std::string::npos;
+        return ReadFile(Kavo::Bpf::KAVO_ERROR_LOG_PATH).find("packageSize: " + std::to_string(32768 + run)) != std::string::npos;
       }));
       system.Kill(SIGKILL);
       for (const std::string& pin : kavo::test::LoaderPins()) EXPECT_TRUE(kavo::test::PathExists(pin)) << pin;

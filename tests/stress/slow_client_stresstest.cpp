@@ -51,9 +51,7 @@ TEST(SlowClient, AReaderMissesNothingWhileANonReaderIsTrimmed) {
     ASSERT_TRUE(reader.Connect());
     std::string all;
     for (int type : std::vector<int>{KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE, KAVO_EVENT_TASK_EXIT,
-                                     KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}) {
-      all += RequestFrame(type, 51, type);
-    }
+                                     KAVO_EVENT_PROCESS_CREATED, KAVO_EVENT_PROCESS_EXITED}) all += RequestFrame(type, 51, type);
     ASSERT_TRUE(slow.Send(all));
     ASSERT_TRUE(reader.Send(RequestFrame(1, 51, KAVO_EVENT_TASK_CREATE) + RequestFrame(2, 51, KAVO_EVENT_TASK_EXIT)));
     // Only the slow one takes derived events: that tells the two queues apart.

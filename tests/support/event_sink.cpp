@@ -4,7 +4,6 @@
 
 #include <inttypes.h>
 #include <stdio.h>
-#include <string.h>
 
 #include "service/kavo_bpf_event_manager.h"
 #include "service/kavo_bpf_service.h"
@@ -32,9 +31,7 @@ std::vector<std::string> EventSink::Drain() {
     KavoBpfService::GetInstance()->onClientLibWriteable(fd_, &buffer);
     if (buffer.bufferDataCursor == 0) break;
     std::string bytes(buffer.data(), buffer.bufferDataCursor);
-    for (Frame& frame : ParseFrames(&bytes)) {
-      if (frame.type == KAVO_IPC_RAW_EVENT) records.push_back(std::move(frame.body));
-    }
+    for (Frame& frame : ParseFrames(&bytes)) if (frame.type == KAVO_IPC_RAW_EVENT) records.push_back(std::move(frame.body));
   }
   return records;
 }

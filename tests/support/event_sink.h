@@ -56,8 +56,7 @@ kavo_rss_event RssRecord(int pid, int member, int64_t size, uint64_t timeNs);
 // Hands a record to the service as a ring monitor does: counted, forwarded to
 // subscribers, then handled. Returns the dispatch's result.
 int DispatchBytes(std::string record);
-template <typename Record>
-int Dispatch(const Record& record) { return DispatchBytes(Bytes(record)); }
+template <typename Record> int Dispatch(const Record& record) { return DispatchBytes(Bytes(record)); }
 
 // The task of |pid| in the service's table in one line, for comparing whole:
 // "<comm> <pid> ppid <ppid> uid <uid> threads <n>/<old> mm <mmId> rss <4 sizes> old <4 sizes> start <s>",

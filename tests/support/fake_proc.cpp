@@ -1,7 +1,8 @@
 #include "support/fake_proc.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "support/namespaces.h"
 
@@ -33,9 +34,8 @@ void WriteFakeProcess(const FakeProcess& p) {
 }
 
 void RemoveFakeProcess(int pid) {
-  for (const char* file : {"/status", "/stat", "/maps"}) unlink((Dir(pid) + file).c_str());
-  rmdir((Dir(pid) + "/fd").c_str());
-  rmdir(Dir(pid).c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(Dir(pid), ignored);
 }
 
 bool AddFakeFd(int pid, int fd, const std::string& target, long long size, long long inode) {
@@ -49,6 +49,5 @@ bool AddFakeFd(int pid, int fd, const std::string& target, long long size, long 
   if (inode >= 0) info += "ino:\t" + std::to_string(inode) + "\n";
   return WriteFile(Dir(pid) + "/fdinfo/" + std::to_string(fd), info);
 }
-
 
 }  // namespace kavo::test

@@ -9,8 +9,6 @@
 //   kavo::test::WriteFakeProcess(p);
 //   kavo::test::AddFakeFd(4242, 7, "/dmabuf:", 4096, 17);
 
-#include <stdint.h>
-
 #include <string>
 
 namespace kavo::test {
@@ -32,7 +30,6 @@ void WriteFakeProcess(const FakeProcess& process);
 void RemoveFakeProcess(int pid);
 // Descriptor |fd| of |pid|: a link to |target| and, when size >= 0, an fdinfo
 // file with "size:" and "ino:" lines (either may be left out with -1).
-bool AddFakeFd(int pid, int fd, const std::string& target, long long size = -1,
-               long long inode = -1);
+bool AddFakeFd(int pid, int fd, const std::string& target, long long size = -1, long long inode = -1);
 
 }  // namespace kavo::test

@@ -19,21 +19,17 @@ namespace {
 
 // The child's results go to the parent as lines of NUL-separated fields:
 // kind ('F' failure, 'S' skip), file, line, message.
-class ResultForwarder : public ::testing::EmptyTestEventListener {
- public:
-  explicit ResultForwarder(int fd) : fd_(fd) {}
-  void OnTestPartResult(const ::testing::TestPartResult& result) override {
-    if (!result.skipped() && !result.failed()) return;
-    Send(fd_, result.skipped() ? 'S' : 'F', result.file_name() ? result.file_name() : "", result.line_number(),
-         result.message());
-  }
-  static void Send(int fd, char kind, const std::string& file, int line, const std::string& message) {
-    std::string record = std::string(1, kind) + '\0' + file + '\0' + std::to_string(line) + '\0' + message + '\0';
-    android::base::WriteFully(fd, record.data(), record.size());
-  }
+void Send(int fd, char kind, const std::string& file, int line, const std::string& message) {
+  std::string record = std::string(1, kind) + '\0' + file + '\0' + std::to_string(line) + '\0' + message + '\0';
+  android::base::WriteFully(fd, record.data(), record.size());
+}
 
- private:
-  int fd_;
+struct ResultForwarder : ::testing::EmptyTestEventListener {
+  explicit ResultForwarder(int fd) : fd(fd) {}
+  void OnTestPartResult(const ::testing::TestPartResult& r) override {
+    if (r.skipped() || r.failed()) Send(fd, r.skipped() ? 'S' : 'F', r.file_name() ? r.file_name() : "", r.line_number(), r.message());
+  }
+  const int fd;
 };
 
 [[noreturn]] void RunChild(const std::function<void()>& body, const NamespaceOptions& options, int resultFd) {
@@ -46,8 +42,7 @@ class ResultForwarder : public ::testing::EmptyTestEventListener {
   if (EnterPrivateNamespaces(mounts, &why)) {
     body();
   } else {
-    ResultForwarder::Send(resultFd, KernelRequired() ? 'F' : 'S', __FILE__, __LINE__,
-                          "kernel refused the test namespace: " + why);
+    Send(resultFd, KernelRequired() ? 'F' : 'S', __FILE__, __LINE__, "kernel refused the test namespace: " + why);
   }
   fflush(nullptr);
   _exit(0);
@@ -96,14 +91,11 @@ void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& o
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   std::vector<std::string> fields;
-  for (size_t at = 0, end; (end = results.find('\0', at)) != std::string::npos; at = end + 1) {
-    fields.push_back(results.substr(at, end - at));
-  }
-  std::string skipMessage;
-  bool skipped = false;
+  for (size_t at = 0, end; (end = results.find('\0', at)) != std::string::npos; at = end + 1) fields.push_back(results.substr(at, end - at));
+  const std::string* skipMessage = nullptr;
   for (size_t i = 0; i + 3 < fields.size(); i += 4) {
     if (fields[i] == "F") ADD_FAILURE_AT(fields[i + 1].c_str(), atoi(fields[i + 2].c_str())) << fields[i + 3];
-    if (fields[i] == "S") skipped = true, skipMessage = fields[i + 3];
+    if (fields[i] == "S") skipMessage = &fields[i + 3];
   }
   if (timedOut) {
     ADD_FAILURE() << "test child timed out after " << options.timeoutSeconds << " s";
@@ -112,12 +104,7 @@ void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& o
   } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
     ADD_FAILURE() << "test child exited with " << WEXITSTATUS(status);
   }
-  if (skipped) GTEST_SKIP() << skipMessage;
-}
-
-void MountFakeProc() {
-  std::string why;
-  ASSERT_TRUE(kavo::test::MountFakeProc(false, &why)) << why;
+  if (skipMessage != nullptr) GTEST_SKIP() << *skipMessage;
 }
 
 }  // namespace kavo::test

@@ -32,10 +32,6 @@ struct NamespaceOptions {
 
 void RunInNamespace(const std::function<void()>& body, const NamespaceOptions& options = {});
 
-// Mounts an empty tmpfs over /proc from inside a RunInNamespace body, for a
-// body that needs the real /proc first (to run the loader, say).
-void MountFakeProc();
-
 // Options with an empty tmpfs over /proc.
 inline NamespaceOptions FakeProc() { return NamespaceOptions{true}; }
 

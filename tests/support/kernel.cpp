@@ -8,8 +8,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "kavobpf_probe_flavour.h"
 #include "service/kavo_bpf_service.h"
@@ -21,8 +19,7 @@
 namespace kavo::test {
 
 bool BpfAvailable(std::string* why) {
-  android::base::unique_fd ring(
-      bpf_map_create(BPF_MAP_TYPE_RINGBUF, "kavo_probe", 0, 0, 4096, nullptr));
+  android::base::unique_fd ring(bpf_map_create(BPF_MAP_TYPE_RINGBUF, "kavo_probe", 0, 0, 4096, nullptr));
   if (ring.get() < 0) {
     *why = std::string("creating a BPF ring buffer: ") + strerror(errno);
     return false;
@@ -40,8 +37,7 @@ bool LoadKernelSide(std::string* why, const std::vector<std::string>& args, std:
   return false;
 }
 
-PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
-                          const std::string& program) {
+PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set, const std::string& program) {
   PinnedProbe pinned;
   const std::string prefix = "kavobpf_loader: " + set + " " + program + ": ";
   size_t at = loaderOutput.find(prefix);
@@ -79,32 +75,22 @@ std::vector<std::string> LoaderPins() {
   for (const auto* table : {&KavoBpfService::PROG_EVENT_MAP, &KavoBpfService::PROG_GPL_EVENT_MAP}) {
     for (const auto& [set, kinds] : *table) {
       for (const auto& [kind, programs] : kinds) {
-        for (const auto& program : programs) {
-          paths.push_back(KavoBpfService::BPF_FS_PATH + "/prog_" + set + "_" + kTypeWords[kind] +
-                          "_" + program[0]);
-        }
+        for (const auto& program : programs) paths.push_back(KavoBpfService::BPF_FS_PATH + "/prog_" + set + "_" + kTypeWords[kind] + "_" + program[0]);
       }
     }
   }
   for (int ring = 0; ring < KavoBpfService::kRingCount; ++ring) {
-    paths.push_back(KavoBpfService::RINGBUF_MAP_PATH[ring]);
-    paths.push_back(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
-    paths.push_back(KavoBpfService::RINGBUF_LOST_PATH[ring]);
-    paths.push_back(KavoBpfService::RING_STATS_PATH[ring]);
-    paths.push_back(KavoBpfService::RINGBUF_CONSUMER_PATH[ring]);
+    paths.insert(paths.end(), {KavoBpfService::RINGBUF_MAP_PATH[ring], KavoBpfService::RINGBUF_STATUS_PATH[ring], KavoBpfService::RINGBUF_LOST_PATH[ring],
+                               KavoBpfService::RING_STATS_PATH[ring], KavoBpfService::RINGBUF_CONSUMER_PATH[ring]});
   }
   const std::string gpl = KavoBpfService::BPF_FS_PATH + "/map_KavoBpfGplDefineset_";
-  paths.push_back(KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map");
-  for (const char* map : {"dmabuf_allocate_map", "dmabuf_size_map", "dmabuf_perprocess_size_map"}) {
-    paths.push_back(gpl + map);
-  }
-  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_INODE_MAP_PATH);
-  paths.push_back(KavoBpfService::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH);
+  paths.insert(paths.end(), {KavoBpfService::BPF_FS_PATH + "/map_KavoBpfDefineset_open_fd_caller_map", gpl + "dmabuf_allocate_map",
+                             gpl + "dmabuf_size_map", gpl + "dmabuf_perprocess_size_map", KavoBpfService::DMABUF_BPF_PROCESS_INODE_MAP_PATH,
+                             KavoBpfService::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH});
   return paths;
 }
 
-Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
-                                                const std::vector<std::string>& loaderArgs) {
+Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why, const std::vector<std::string>& loaderArgs) {
   if (!LoadKernelSide(why, loaderArgs)) return nullptr;
   return StartServiceOnPinnedKernelSide(why);
 }
@@ -127,19 +113,6 @@ Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why) {
     return nullptr;
   }
   return KavoBpfService::GetInstance();
-}
-
-std::vector<pid_t> ForkAndReapChildren(int count) {
-  std::vector<pid_t> children;
-  for (int i = 0; i < count; ++i) {
-    pid_t child = fork();
-    if (child == 0) _exit(0);
-    if (child > 0) children.push_back(child);
-  }
-  for (pid_t child : children) {
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
-  }
-  return children;
 }
 
 std::vector<std::string> DrainRing(const std::string& ringMapPath) {

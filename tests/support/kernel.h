@@ -33,8 +33,7 @@ bool BpfAvailable(std::string* why);
 
 // Runs kavobpf_loader with |args|; false with its output in *why. Its output
 // goes to *output too, when given.
-bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {},
-                    std::string* output = nullptr);
+bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {}, std::string* output = nullptr);
 
 // What kavobpf_loader says it pinned in the place of the kprobe program
 // |program| of |set|: the flavour ("kprobe", "kretprobe", "fentry" or
@@ -43,8 +42,7 @@ bool LoadKernelSide(std::string* why, const std::vector<std::string>& args = {},
 struct PinnedProbe {
   std::string flavour, function;
 };
-PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set,
-                          const std::string& program);
+PinnedProbe PinnedProbeOf(const std::string& loaderOutput, const std::string& set, const std::string& program);
 // Whether what the loader pinned attaches on this kernel: a trampoline twin
 // does (the loader pins one only where the kernel loaded it), a kprobe where
 // the kernel attaches kprobes to its function.
@@ -63,15 +61,10 @@ std::vector<std::string> LoaderPins();
 // something refused.
 Kavo::Bpf::KavoBpfService* StartServiceOnPinnedKernelSide(std::string* why);
 // LoadKernelSide(why, loaderArgs), then the above.
-Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why,
-                                                const std::vector<std::string>& loaderArgs = {});
+Kavo::Bpf::KavoBpfService* StartServiceOnKernel(std::string* why, const std::vector<std::string>& loaderArgs = {});
 
 // "major.minor" of the running kernel, as ro.kernel.version would hold it.
 using ::kavo::RunningKernelVersion;
-
-// Forks |count| children that exit at once with status 0, reaps them, and
-// returns their pids.
-std::vector<pid_t> ForkAndReapChildren(int count);
 
 // Every record waiting in the ring pinned at |ringMapPath|, taken out of it.
 std::vector<std::string> DrainRing(const std::string& ringMapPath);

@@ -3,7 +3,6 @@
 #include <bpf/bpf.h>
 #include <bpf/btf.h>
 #include <errno.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -71,8 +70,7 @@ const std::vector<struct bpf_insn> kReturnZero = {Insn(BPF_ALU64 | BPF_MOV | BPF
 
 }  // namespace
 
-bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
-                      uint32_t size) {
+bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why, uint32_t size) {
   android::base::unique_fd ring(bpf_obj_get(ringMapPath.c_str()));
   if (ring.get() < 0) return Refused("bpf_obj_get " + ringMapPath, why);
   size = size < 16 ? 16 : (size + 7) / 8 * 8;
@@ -81,9 +79,8 @@ bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, 
   // bpf_ringbuf_output(ring, record, size, 0).
   std::vector<struct bpf_insn> prog;
   int16_t base = static_cast<int16_t>(-static_cast<int>(size));
-  for (uint32_t at = 0; at < size; at += 8) {
+  for (uint32_t at = 0; at < size; at += 8)
     prog.push_back(Insn(BPF_ST | BPF_MEM | BPF_DW, BPF_REG_10, 0, static_cast<int16_t>(base + at), 0));
-  }
   prog.push_back(Insn(BPF_ST | BPF_MEM | BPF_W, BPF_REG_10, 0, base, static_cast<int32_t>(type)));
   prog.push_back(Insn(BPF_LD | BPF_DW | BPF_IMM, BPF_REG_1, BPF_PSEUDO_MAP_FD, 0, ring.get()));
   prog.push_back(Insn(0, 0, 0, 0, 0));
@@ -95,21 +92,16 @@ bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, 
   prog.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0));
   prog.push_back(Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0));
 
-  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_test_write", "GPL",
-                                            prog.data(), prog.size(), nullptr));
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_test_write", "GPL", prog.data(), prog.size(), nullptr));
   if (fd.get() < 0) return Refused("loading the record writer", why);
   char packet[64] = {};
   struct bpf_test_run_opts run = {};
-  run.sz = sizeof(run);
-  run.data_in = packet;
-  run.data_size_in = sizeof(packet);
-  run.repeat = static_cast<__u32>(count);
+  run.sz = sizeof(run), run.data_in = packet, run.data_size_in = sizeof(packet), run.repeat = static_cast<__u32>(count);
   return bpf_prog_test_run_opts(fd.get(), &run) == 0 || Refused("running the record writer", why);
 }
 
 bool PinForeignProgram(const std::string& path, std::string* why) {
-  android::base::unique_fd fd(
-      bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", kReturnZero.data(), 2, nullptr));
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_SOCKET_FILTER, "kavo_foreign", "GPL", kReturnZero.data(), 2, nullptr));
   return Pin(fd, path, "a socket filter", why);
 }
 
@@ -128,18 +120,14 @@ __u32 KernelBtfId(const char* name, __u32 kind, std::string* why) {
 bool LoadTracingAndPin(const std::vector<struct bpf_insn>& prog, enum bpf_attach_type type,
                        __u32 btfId, const std::string& path, std::string* why) {
   struct bpf_prog_load_opts opts = {};
-  opts.sz = sizeof(opts);
-  opts.expected_attach_type = type;
-  opts.attach_btf_id = btfId;
-  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_TRACING, "kavo_tracing", "GPL",
-                                            prog.data(), prog.size(), &opts));
+  opts.sz = sizeof(opts), opts.expected_attach_type = type, opts.attach_btf_id = btfId;
+  android::base::unique_fd fd(bpf_prog_load(BPF_PROG_TYPE_TRACING, "kavo_tracing", "GPL", prog.data(), prog.size(), &opts));
   return Pin(fd, path, "a tracing program", why);
 }
 
 }  // namespace
 
-bool PinTracingProgram(const std::string& path, const std::string& counterPath, pid_t forker,
-                       std::string* why) {
+bool PinTracingProgram(const std::string& path, const std::string& counterPath, pid_t forker, std::string* why) {
   __u32 btfId = KernelBtfId("btf_trace_sched_process_fork", BTF_KIND_TYPEDEF, why);
   if (btfId == 0) return false;
   if (!CreateAndPin(BPF_MAP_TYPE_ARRAY, "kavo_counter", 4, 8, 1, counterPath, why)) return false;

@@ -24,8 +24,7 @@ bool WriteControlWord(const std::string& statusMapPath, uint64_t word);
 // |ringMapPath|, through a small program run with BPF_PROG_TEST_RUN: records
 // no real program would write (type 9, say). False with *why when the kernel
 // refuses.
-bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why,
-                      uint32_t size = 16);
+bool WriteRingRecords(const std::string& ringMapPath, uint32_t type, int count, std::string* why, uint32_t size = 16);
 // Pins at |path| a program of a kind the kernel never attaches to a
 // tracepoint or a probe (a socket filter that returns 0), standing in for a
 // pinned program the kernel refuses to attach. False with *why when the
@@ -38,8 +37,7 @@ bool PinForeignProgram(const std::string& path, std::string* why);
 // lets it use, and adds 1 to key 0 of an array map (u32 key, u64 value) that
 // it creates and pins at |counterPath| for each fork of process |forker|.
 // False with *why when the kernel refuses.
-bool PinTracingProgram(const std::string& path, const std::string& counterPath, pid_t forker,
-                       std::string* why);
+bool PinTracingProgram(const std::string& path, const std::string& counterPath, pid_t forker, std::string* why);
 // Pins at |path| a tracing program that no link attaches (a task iterator).
 bool PinUnattachableTracingProgram(const std::string& path, std::string* why);
 // Names of the calling process's threads.

@@ -32,11 +32,6 @@ void LogCapture::Logger(const struct __android_logger_data* data, const char* me
   active->changed_.notify_all();
 }
 
-std::vector<LogLine> LogCapture::Lines() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return lines_;
-}
-
 size_t LogCapture::CountLocked(const std::string& needle, int priority) const {
   size_t n = 0;
   for (const LogLine& line : lines_) n += line.message.find(needle) != std::string::npos && (priority < 0 || line.priority == priority);

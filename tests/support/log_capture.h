@@ -32,8 +32,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<LogLine> Lines() const;
-  // Lines whose message contains |needle| (and has |priority|, when given).
+  // Lines whose message (every line for "") contains |needle| (and has |priority|, when given).
   size_t Count(const std::string& needle, int priority = -1) const;
   bool Contains(const std::string& needle, int priority = -1) const { return Count(needle, priority) > 0; }
   // Waits until Count(needle) >= count, or the timeout passed.

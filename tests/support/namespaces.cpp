@@ -41,9 +41,8 @@ bool EnterPrivateNamespaces(const PrivateMounts& mounts, std::string* why) {
 }
 
 void MakeDirs(const std::string& path) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
     mkdir(path.substr(0, slash).c_str(), 0755);
-  }
   mkdir(path.c_str(), 0755);
 }
 

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,44 +17,6 @@
 
 namespace kavo::test {
 
-namespace {
-
-pid_t Spawn(const std::vector<std::string>& argv, int outputFd) {
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(outputFd, STDOUT_FILENO);
-    dup2(outputFd, STDERR_FILENO);
-    // Tests block signals sometimes; the child starts with a clean mask.
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    execvp(args[0], args.data());
-    dprintf(outputFd, "exec %s: %s\n", args[0], strerror(errno));
-    _exit(127);
-  }
-  return pid;
-}
-
-// Waits for |pid| up to |timeout|; true with *status when it ended.
-bool WaitFor(pid_t pid, std::chrono::milliseconds timeout, int* status) {
-  pid_t r = 0;
-  WaitUntil([&] { return (r = waitpid(pid, status, WNOHANG)) == pid || (r < 0 && errno != EINTR); }, timeout,
-            std::chrono::milliseconds(5));
-  return r == pid;
-}
-
-std::string TempOutputPath() {
-  char path[] = "/tmp/kavo-test-output-XXXXXX";
-  int fd = mkstemp(path);
-  if (fd >= 0) close(fd);
-  return path;
-}
-
-}  // namespace
-
 std::set<pid_t> LivePids() {
   std::set<pid_t> pids;
   Kavo::Bpf::ForEachDirEntry("/proc", [&pids](const char* name) {
@@ -61,8 +25,7 @@ std::set<pid_t> LivePids() {
     bool alive = false;
     Kavo::Bpf::ForEachLine((std::string("/proc/") + name + "/stat").c_str(), [&alive](std::string_view line) {
       size_t close = line.rfind(')');
-      alive = close != std::string_view::npos && close + 2 < line.size() && line[close + 2] != 'Z' &&
-              line[close + 2] != 'X';
+      alive = close != std::string_view::npos && close + 2 < line.size() && line[close + 2] != 'Z' && line[close + 2] != 'X';
       return Kavo::Bpf::LineAction::kStop;
     });
     if (alive) pids.insert(atoi(name));
@@ -72,6 +35,23 @@ std::set<pid_t> LivePids() {
 }
 
 std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }
+
+pid_t ForkAndReap(const char* name, size_t touched) {
+  pid_t child = fork();
+  if (child == 0) {
+    if (name != nullptr) prctl(PR_SET_NAME, name);
+    if (touched != 0) memset(mmap(nullptr, touched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), 1, touched);
+    _exit(0);
+  }
+  while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) {}
+  return child;
+}
+
+long long StatusKb(pid_t pid, const std::string& key) {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find(key);
+  return at == std::string::npos ? -1 : atoll(status.c_str() + at + key.size());
+}
 
 size_t OpenDescriptors(pid_t pid) {
   size_t count = 0;
@@ -95,9 +75,24 @@ CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSecond
   return result;
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) : outputPath_(TempOutputPath()) {
-  int outputFd = open(outputPath_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-  pid_ = Spawn(argv, outputFd);
+ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+  char path[] = "/tmp/kavo-test-output-XXXXXX";
+  const int outputFd = mkostemp(path, O_CLOEXEC);
+  outputPath_ = path;
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  if ((pid_ = fork()) == 0) {
+    dup2(outputFd, STDOUT_FILENO);
+    dup2(outputFd, STDERR_FILENO);
+    // Tests block signals sometimes; the child starts with a clean mask.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execvp(args[0], args.data());
+    dprintf(outputFd, "exec %s: %s\n", args[0], strerror(errno));
+    _exit(127);
+  }
   close(outputFd);
 }
 
@@ -113,7 +108,9 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::Signal(int sig) { return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0; }
 
 bool ChildProcess::WaitExit(std::chrono::milliseconds timeout, int* status) {
-  return reaped_ || (reaped_ = WaitFor(pid_, timeout, status));
+  pid_t r = 0;
+  return reaped_ || (reaped_ = WaitUntil([&] { return (r = waitpid(pid_, status, WNOHANG)) == pid_ || (r < 0 && errno != EINTR); },
+                                         timeout, std::chrono::milliseconds(5)) && r == pid_);
 }
 
 std::string ChildProcess::Output() const { return ReadFile(outputPath_); }

@@ -27,11 +27,17 @@ struct CommandResult {
   std::string output;   // stdout and stderr together
 };
 
+// The value of |key| ("RssAnon:") in /proc/<pid>/status, in kB; -1 without such a line.
+long long StatusKb(pid_t pid, const std::string& key);
 // Entries of /proc/<pid>/fd.
 size_t OpenDescriptors(pid_t pid);
 // Processes alive now: the numeric entries of /proc that are not zombies
 // (a zombie has exited; only its parent has not reaped it yet).
 std::set<pid_t> LivePids();
+
+// Forks a child that takes |name| (when given), touches |touched| bytes of
+// anonymous memory and exits with status 0; reaps it and returns its pid.
+pid_t ForkAndReap(const char* name = nullptr, size_t touched = 0);
 
 // Runs |argv| to its end (killed after |timeoutSeconds|), capturing its output.
 CommandResult RunCommand(const std::vector<std::string>& argv, int timeoutSeconds = 60);
@@ -52,8 +58,7 @@ class ChildProcess {
   // Everything it printed so far.
   std::string Output() const;
   // Waits until its output contains |needle|.
-  bool WaitForOutput(const std::string& needle,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+  bool WaitForOutput(const std::string& needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
  private:
   pid_t pid_ = -1;

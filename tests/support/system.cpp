@@ -52,9 +52,7 @@ bool KavoSystem::StartDaemon(std::string* why) {
   // The programs are attached and both rings polled once a process forked
   // now is reported.
   while (std::chrono::steady_clock::now() < deadline) {
-    pid_t probe = fork();
-    if (probe == 0) _exit(0);
-    waitpid(probe, nullptr, 0);
+    const pid_t probe = ForkAndReap();
     const auto probeDeadline = std::chrono::steady_clock::now() + 200ms;
     while (auto event = client.NextEvent(std::chrono::duration_cast<std::chrono::milliseconds>(
                probeDeadline - std::chrono::steady_clock::now()))) {
@@ -67,12 +65,8 @@ bool KavoSystem::StartDaemon(std::string* why) {
 }
 
 void KavoSystem::Kill(int sig) {
-  if (!daemon_) return;
-  daemon_->Signal(sig);
-  if (sig == SIGKILL) {
-    int status;
-    daemon_->WaitExit(2s, &status);
-  }
+  int status;
+  if (daemon_ && daemon_->Signal(sig) && sig == SIGKILL) daemon_->WaitExit(2s, &status);
 }
 
 int KavoSystem::Stop() {
@@ -86,8 +80,7 @@ int KavoSystem::Stop() {
 }
 
 bool CollectEvents(kavobpf::Client& client, std::vector<kavobpf::Event>* events,
-                   const std::function<bool(const std::vector<kavobpf::Event>&)>& done,
-                   std::chrono::milliseconds timeout) {
+                   const std::function<bool(const std::vector<kavobpf::Event>&)>& done, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (std::chrono::milliseconds wait(0);; wait = 100ms) {
     // What has come so far (up to a batch: the machine's records never stop),

@@ -36,8 +36,7 @@ class KavoSystem {
     std::string binDir;
   };
 
-  KavoSystem() = default;
-  explicit KavoSystem(Options options) : options_(std::move(options)) {}
+  explicit KavoSystem(Options options = {}) : options_(std::move(options)) {}
 
   // Pins the programs, starts kavobpfd and waits until it is ready; false
   // with the reason when something refused.

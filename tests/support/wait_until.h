@@ -10,8 +10,7 @@ namespace kavo::test {
 // True as soon as `condition` holds; false if it still does not after
 // `timeout`. The condition is asked once more at the deadline, so a slow
 // poll never loses the last chance.
-inline bool WaitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(5),
+inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5),
                       std::chrono::milliseconds poll = std::chrono::milliseconds(10)) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!condition()) {

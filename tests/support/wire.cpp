@@ -73,11 +73,9 @@ std::optional<Frame> RawClient::ReadFrame(std::chrono::milliseconds timeout) {
 }
 
 std::optional<std::string> RawClient::ReadEvent(std::chrono::milliseconds timeout) {
-  using std::chrono::milliseconds;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (auto frame = ReadFrame(std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now()))) {
+  while (auto frame = ReadFrame(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())))
     if (frame->type == 3) return frame->body;
-  }
   return std::nullopt;
 }
 
