@@ -7,7 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
+#include <mutex>
+#include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -177,6 +181,56 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     EXPECT_TRUE(endpoint.ensureDataSend(pair[0], &buffer) && recv(pair[1], &scratch[0], scratch.size(), 0) == 5);
     EXPECT_FALSE(kavo::test::PathExists("/data/kavolog"));
     for (int fd : pair) close(fd);
+  });
+}
+
+// A producer thread may send a client's frames itself: what the socket takes
+// goes at once without the loop, what it does not take the loop sends after
+// it, and the peer reads every byte in the order the handler gave them.
+TEST(IpcFramework, ASenderOnAnotherThreadSendsWhatFitsAndTheLoopTheRestInOrder) {
+  kavo::test::RunInNamespace([] {
+    std::mutex mutex;
+    std::string pending;  // what the write handler hands out, as much as fits
+    std::set<std::thread::id> writers;
+    std::atomic<int> connection{-1};
+    IpcHandlerState handlers;
+    handlers.connectionHandler = [&](int fd) { return connection = fd, 0; };
+    handlers.writeHandler = [&](int, BufferState* buffer) {
+      std::lock_guard<std::mutex> guard(mutex);
+      writers.insert(std::this_thread::get_id());
+      const size_t n = std::min(pending.size(), buffer->freeRoom());
+      buffer->write(pending.data(), n);
+      pending.erase(0, n);
+      return 0;
+    };
+    cpu_set_t cpus{};
+    CPU_SET(0, &cpus);
+    UnixIpcManager server(true, 32768, "kavo_try_write", handlers, "IpcFrameworkTest", cpus, 10, 32);
+    ASSERT_TRUE(server.start());
+    kavo::test::RawClient client;
+    ASSERT_TRUE(client.Connect("kavo_try_write"));
+    ASSERT_TRUE(kavo::test::WaitUntil([&] { return connection >= 0; }));
+    auto receive = [&](size_t bytes) {
+      std::string got(bytes, '\0');
+      for (size_t at = 0; at < bytes;) {
+        ssize_t n = recv(client.fd(), &got[at], bytes - at, 0);
+        if (n <= 0) break;
+        at += static_cast<size_t>(n);
+      }
+      return got;
+    };
+    pending = "a few frames";
+    EXPECT_TRUE(server.tryWriteDataNow(connection));
+    EXPECT_EQ("a few frames", receive(12));
+    EXPECT_EQ(std::set<std::thread::id>{std::this_thread::get_id()}, writers) << "the loop was not needed";
+
+    std::string stream(1 << 20, '\0');
+    for (size_t i = 0; i < stream.size(); ++i) stream[i] = static_cast<char>(i % 251);
+    pending = stream;
+    EXPECT_FALSE(server.tryWriteDataNow(connection)) << "a megabyte does not fit a socket";
+    EXPECT_EQ(stream, receive(stream.size()));
+    EXPECT_EQ(2u, writers.size()) << "the loop sent the rest";
+    server.stop();
   });
 }
 

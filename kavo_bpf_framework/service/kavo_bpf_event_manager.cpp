@@ -31,7 +31,7 @@ EventManager::BatchScope::~BatchScope() {
 }
 
 void EventManager::BatchScope::flush() {
-  if (!batch_->empty()) GetInstance()->forwardBatch(batch_.get());
+  if (!batch_->empty()) GetInstance()->forwardBatch(batch_.get(), true);
 }
 
 EventManager* EventManager::GetInstance() {
@@ -80,10 +80,10 @@ int EventManager::AppendEvent(char* data, unsigned size) {
   if (EventBatch* batch = tOpenBatch) {
     if (!batch->add(data, size)) {
       // Full: what came before goes first.
-      forwardBatch(batch);
+      forwardBatch(batch, false);
       if (!batch->add(data, size)) return forwardOne(data, size);  // bigger than any batch
     }
-    if (batch->full()) forwardBatch(batch);
+    if (batch->full()) forwardBatch(batch, false);
     return 0;
   }
   return forwardOne(data, size);
@@ -104,7 +104,7 @@ int EventManager::forwardOne(char* data, unsigned size) {
   return 0;
 }
 
-void EventManager::forwardBatch(EventBatch* batch) {
+void EventManager::forwardBatch(EventBatch* batch, bool sendNow) {
   const size_t count = batch->size();
   // Per event, the index of its type among the batch's types, and those
   // types' subscriber lists, looked up once each.
@@ -150,7 +150,7 @@ void EventManager::forwardBatch(EventBatch* batch) {
       packageManagers->at(fd).buildAndAppendSecondIpcPackages(KAVO_IPC_RAW_EVENT, bodies, queued);
     }
     UnixIpcManager* ipc = KavoBpfService::GetInstance()->getIpcManager();
-    for (int fd : clients) ipc->notifyNeedWriteData(fd);
+    for (int fd : clients) sendNow ? ipc->tryWriteDataNow(fd) : ipc->notifyNeedWriteData(fd);
   }
   batch->clear();
 }

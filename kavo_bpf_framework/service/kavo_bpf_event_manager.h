@@ -14,7 +14,9 @@
 // events then wait in an EventBatch and are forwarded together, the locks
 // taken once per client per batch and each client woken once. Every client
 // gets the same events in the same order as one by one; the scope's owner
-// flushes before it waits for more.
+// flushes before it waits for more. That flush sends on the monitor's own
+// thread what the sockets take without waiting, since the monitor has
+// nothing else to do then: a few events need not wake the IPC thread.
 
 #include <atomic>
 #include <map>
@@ -52,7 +54,8 @@ class KAVO_EXPORT EventManager {
     ~BatchScope();
     BatchScope(const BatchScope&) = delete;
     BatchScope& operator=(const BatchScope&) = delete;
-    // Forwards what the batch holds now.
+    // Forwards what the batch holds now, and sends it as far as the
+    // clients' sockets take it without waiting (see above).
     void flush();
 
    private:
@@ -75,7 +78,9 @@ class KAVO_EXPORT EventManager {
   int forwardOne(char* data, unsigned size);
   // Forwards and empties |batch|: per client, the batch's events of the types
   // it subscribed to, in batch order, in one append; then the wake-ups.
-  void forwardBatch(EventBatch* batch);
+  // |sendNow|: send on this thread what goes without waiting, rather than
+  // only waking the IPC thread.
+  void forwardBatch(EventBatch* batch, bool sendNow);
 
   std::map<int, IpcPackageManager>* packageManagers = nullptr;
   std::map<int, std::vector<int>> fdEvents;

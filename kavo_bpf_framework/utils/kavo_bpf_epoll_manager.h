@@ -79,6 +79,12 @@ class KAVO_EXPORT EpollManager {
   bool addMonitorFd(int fd, EpollCallback callback);
   bool delMonitorFd(int fd);
   bool notifyWriteEventReady(int fd);
+  // Whether EPOLLOUT is on for fd: the loop has writing of its own to do
+  // there. A hint, read without the mutex; false for an fd without a slot.
+  bool writeInterestArmed(int fd) {
+    WriteSlot* slot = slotOf(fd);
+    return slot != nullptr && slot->armed.load();
+  }
   bool markWriteEventFinish(int fd);
   bool writeEventNow(int fd);
 

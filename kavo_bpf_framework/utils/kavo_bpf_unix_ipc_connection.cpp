@@ -4,8 +4,13 @@
 //
 // Locks: the read-buffer table and the connection set are guarded by the
 // buffer mutex; each connection's write buffer by its own write lock, which
-// any thread may take through writeDataNow(); the two write tables by a leaf
-// mutex held only for a lookup. Order: buffer mutex, write lock, table mutex.
+// any thread may take through writeDataNow() or tryWriteDataNow(); the two
+// write tables by a leaf mutex held only for a lookup. Order: buffer mutex,
+// write lock, table mutex.
+//
+// A write buffer is empty between two writers, except for what
+// tryWriteDataNow() could not send without waiting: the next writer sends
+// that first, so frames leave in the order the handler gave them.
 
 #include <android/log.h>
 #include <errno.h>
@@ -127,12 +132,16 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     return IPC_CB_FAILED;
   }
 
-  writeBuffer->resetCursors();
-  if (handlers_.writeHandler && handlers_.writeHandler(fd, writeBuffer) == -1) {
-    __android_log_print(ANDROID_LOG_ERROR, logTag_,
-                        "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
-                        strerror(errno));
-    return IPC_CB_FAILED;
+  // One send with its retry rule per writable event, as for any fill.
+  const bool leftover = writeBuffer->unread() != 0;
+  if (!leftover) {
+    writeBuffer->resetCursors();
+    if (handlers_.writeHandler && handlers_.writeHandler(fd, writeBuffer) == -1) {
+      __android_log_print(ANDROID_LOG_ERROR, logTag_,
+                          "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
+                          strerror(errno));
+      return IPC_CB_FAILED;
+    }
   }
   if (writeBuffer->bufferCursor == writeBuffer->bufferDataCursor) return IPC_CB_NOTHING_MORE;
   if (!ensureDataSend(fd, writeBuffer)) {
@@ -193,6 +202,46 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                               static_cast<ssize_t>(writeBuffer->bufferCursor),
                               static_cast<ssize_t>(writeBuffer->bufferDataCursor)));
   writeBuffer->resetCursors();
+  return false;
+}
+
+bool UnixIpcManager::tryWriteDataNow(int fd) {
+  // A connection the loop is already writing to stays the loop's: a peer
+  // that does not keep up is its to wait for, with its retry rule, once.
+  if (epollManager_ == nullptr || epollManager_->writeInterestArmed(fd)) {
+    notifyNeedWriteData(fd);
+    return false;
+  }
+  std::shared_ptr<std::mutex> writeLock;
+  {
+    std::lock_guard<std::mutex> tables(writeTableMutex_);
+    auto it = writeLocks_.find(fd);
+    if (it != writeLocks_.end()) writeLock = it->second;
+  }
+  std::unique_lock<std::mutex> writing;
+  if (writeLock != nullptr) writing = std::unique_lock<std::mutex>(*writeLock, std::try_to_lock);
+  BufferState* writeBuffer = nullptr;
+  if (writing.owns_lock()) {
+    std::lock_guard<std::mutex> tables(writeTableMutex_);
+    auto it = writeBuffers_.find(fd);
+    if (it != writeBuffers_.end()) writeBuffer = &it->second;
+  }
+  // A connection another writer is busy with, or one not set up, is the
+  // loop's to serve; a leftover of an earlier try goes first.
+  while (writeBuffer != nullptr) {
+    if (writeBuffer->unread() == 0) {
+      writeBuffer->resetCursors();
+      if (handlers_.writeHandler && handlers_.writeHandler(fd, writeBuffer) == -1) break;
+      if (writeBuffer->unread() == 0) return true;
+    }
+    const ssize_t sent = sendto(fd, writeBuffer->data() + writeBuffer->bufferCursor, writeBuffer->unread(),
+                                MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+    // Full or failed: the loop's send waits, retries and logs as it always does.
+    if (sent <= 0) break;
+    writeBuffer->bufferCursor += static_cast<size_t>(sent);
+  }
+  if (writing.owns_lock()) writing.unlock();
+  notifyNeedWriteData(fd);
   return false;
 }
 

@@ -260,6 +260,20 @@ bool UnixIpcManager::unregisterAndClose(int fd) {
     std::lock_guard<std::mutex> guard(bufferMutex_);
     connections_.erase(fd);
   }
+  // Another thread sends on a connection only while holding its write lock
+  // and finding its write buffer (tryWriteDataNow): the buffer goes first,
+  // so nobody sends on the number once it is closed, or reused.
+  std::shared_ptr<std::mutex> writeLock;
+  {
+    std::lock_guard<std::mutex> tables(writeTableMutex_);
+    auto it = writeLocks_.find(fd);
+    if (it != writeLocks_.end()) writeLock = it->second;
+  }
+  if (writeLock != nullptr) {
+    std::lock_guard<std::mutex> writing(*writeLock);
+    std::lock_guard<std::mutex> tables(writeTableMutex_);
+    writeBuffers_.erase(fd);
+  }
   // Linux releases the fd even when close() reports an error.
   if (close(fd) != 0) {
     __android_log_print(ANDROID_LOG_ERROR, logTag_,

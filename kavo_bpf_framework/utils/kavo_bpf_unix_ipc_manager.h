@@ -29,8 +29,9 @@
 // drops the unsent bytes (error-log code 1); the connection stays open.
 //
 // Threading: every callback runs on the loop thread, except the write path,
-// which any thread may drive through writeDataNow(); a per-connection write
-// lock serialises it. notifyNeedWriteData() may be called from any thread.
+// which any thread may drive through writeDataNow() or tryWriteDataNow(); a
+// per-connection write lock serialises it. notifyNeedWriteData() may be
+// called from any thread.
 
 #include <sched.h>
 #include <stdint.h>
@@ -102,6 +103,12 @@ class KAVO_EXPORT UnixIpcManager {
   bool writeDataNow(int fd);
   // Asks the loop for EPOLLOUT on fd: the write handler runs when it is writable.
   bool notifyNeedWriteData(int fd);
+  // Sends what the write handler has for fd on the caller's thread, as far
+  // as the socket takes it without waiting; whatever is left (socket full,
+  // another writer busy, a failed send) goes to the loop as with
+  // notifyNeedWriteData(). Saves waking the loop thread for a few frames.
+  // True when everything went.
+  bool tryWriteDataNow(int fd);
   // Sends the whole buffer (see the retry rule in the implementation).
   bool ensureDataSend(int fd, BufferState* writeBuffer);
 

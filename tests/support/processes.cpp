@@ -83,6 +83,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
   if ((pid_ = fork()) == 0) {
+    // A test or benchmark that dies takes its daemon and workloads with it,
+    // so that they cannot go on loading the machine under later runs.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(outputFd, STDOUT_FILENO);
     dup2(outputFd, STDERR_FILENO);
     // Tests block signals sometimes; the child starts with a clean mask.
