@@ -212,12 +212,7 @@ bool UnixIpcManager::tryWriteDataNow(int fd) {
     notifyNeedWriteData(fd);
     return false;
   }
-  std::shared_ptr<std::mutex> writeLock;
-  {
-    std::lock_guard<std::mutex> tables(writeTableMutex_);
-    auto it = writeLocks_.find(fd);
-    if (it != writeLocks_.end()) writeLock = it->second;
-  }
+  std::shared_ptr<std::mutex> writeLock = existingWriteLock(fd);
   std::unique_lock<std::mutex> writing;
   if (writeLock != nullptr) writing = std::unique_lock<std::mutex>(*writeLock, std::try_to_lock);
   BufferState* writeBuffer = nullptr;
@@ -243,6 +238,12 @@ bool UnixIpcManager::tryWriteDataNow(int fd) {
   if (writing.owns_lock()) writing.unlock();
   notifyNeedWriteData(fd);
   return false;
+}
+
+std::shared_ptr<std::mutex> UnixIpcManager::existingWriteLock(int fd) {
+  std::lock_guard<std::mutex> tables(writeTableMutex_);
+  auto it = writeLocks_.find(fd);
+  return it == writeLocks_.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<std::mutex> UnixIpcManager::writeLockFor(int fd) {

@@ -263,12 +263,7 @@ bool UnixIpcManager::unregisterAndClose(int fd) {
   // Another thread sends on a connection only while holding its write lock
   // and finding its write buffer (tryWriteDataNow): the buffer goes first,
   // so nobody sends on the number once it is closed, or reused.
-  std::shared_ptr<std::mutex> writeLock;
-  {
-    std::lock_guard<std::mutex> tables(writeTableMutex_);
-    auto it = writeLocks_.find(fd);
-    if (it != writeLocks_.end()) writeLock = it->second;
-  }
+  std::shared_ptr<std::mutex> writeLock = existingWriteLock(fd);
   if (writeLock != nullptr) {
     std::lock_guard<std::mutex> writing(*writeLock);
     std::lock_guard<std::mutex> tables(writeTableMutex_);

@@ -141,6 +141,8 @@ class KAVO_EXPORT UnixIpcManager {
   // The fd's write lock, created if absent; shared so that it outlives its
   // table entry while a writer still holds it.
   std::shared_ptr<std::mutex> writeLockFor(int fd);
+  // The fd's write lock if it has one; never creates it (a closed fd gets none).
+  std::shared_ptr<std::mutex> existingWriteLock(int fd);
   // Asks the peer filter about a new connection; false when it is refused.
   bool admit(int fd);
   // Waits out the reconnect period; false when stop() came first.
