@@ -100,16 +100,18 @@ void FeedStream(const Stream& stream, size_t bufferSize) {
       {KAVO_IPC_RAW_EVENT, [](int, char* body, unsigned size) { return Touch(body, size); }}});
 
   BufferState buffer;
-  buffer.buffer.assign(bufferSize, 0);
+  buffer.setSize(bufferSize);
   for (size_t position = 0, turn = 0; position < stream.bytes.size();) {
     // Compaction, as the service's endpoint does before each receive.
     const size_t unread = buffer.bufferDataCursor - buffer.bufferCursor;
     memmove(buffer.data(), buffer.data() + buffer.bufferCursor, unread);
     buffer.bufferCursor = 0, buffer.bufferDataCursor = unread;
+    size_t room = 0;
+    char* into = buffer.receiveRoom(&room);
     size_t want = stream.receives.empty() ? bufferSize : stream.receives[turn++ % stream.receives.size()];
-    want = std::min({want, buffer.size() - unread, stream.bytes.size() - position});
-    memcpy(buffer.data() + unread, stream.bytes.data() + position, want);
-    buffer.bufferDataCursor += want;
+    want = std::min({want, room, stream.bytes.size() - position});
+    memcpy(into, stream.bytes.data() + position, want);
+    buffer.received(want, room);
     position += want;
     const bool failed = handler.handleAllIpcPackageInBuffer(7, &buffer) == 0;
     // The buffered bytes are gone (or a full buffer, which no whole frame
@@ -135,10 +137,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t bufferSize = kBufferSizes[input.Byte() % (sizeof(kBufferSizes) / sizeof(kBufferSizes[0]))];
   // Pass 1: the rest as raw bytes, straight into the framing.
   BufferState raw;
-  raw.buffer.assign(bufferSize, 0);
+  raw.setSize(bufferSize);
   const std::string rest = input.Rest();
-  raw.bufferDataCursor = std::min(rest.size(), bufferSize);
-  memcpy(raw.data(), rest.data(), raw.bufferDataCursor);
+  if (!raw.write(rest.data(), std::min(rest.size(), bufferSize))) abort();
   for (unsigned headerSize = 0, packageSize = 0; CheckIpcPackageComplete(&raw, &headerSize, &packageSize);) {
     const char* body = raw.read(headerSize) != nullptr ? raw.read(packageSize) : nullptr;
     if (body == nullptr) abort();  // the check promised both

@@ -40,10 +40,12 @@ bool NewestLoss(int code, const std::string& text) {
   return gLosses.find("----------\nErrorCode: " + std::to_string(code) + "\nError: " + text) == 0;
 }
 
-// An empty buffer of the size the service and the client library use.
+// An empty buffer of the size the service and the client library use, its
+// storage allocated whole: these tests set the cursors by hand.
 BufferState SendBuffer() {
   BufferState buffer;
-  buffer.buffer.resize(32768);
+  buffer.setSize(32768);
+  buffer.reserve(32768);
   return buffer;
 }
 
@@ -231,6 +233,58 @@ TEST(IpcFramework, ASenderOnAnotherThreadSendsWhatFitsAndTheLoopTheRestInOrder) 
     EXPECT_EQ(stream, receive(stream.size()));
     EXPECT_EQ(2u, writers.size()) << "the loop sent the rest";
     server.stop();
+  });
+}
+
+// A connection's read buffer starts small and grows as the bytes demand: a
+// burst of small frames larger than the first storage, frames one byte
+// below and at the buffer size, arrive whole and in order; one byte above is
+// dropped as damaged and the connection goes on.
+TEST(IpcFramework, AReadBufferGrowsToTheLargestFrameAndNoFurther) {
+  kavo::test::RunInNamespace([] {
+    kavo::test::LogCapture log;
+    std::mutex mutex;
+    std::vector<std::string> bodies;
+    IpcHandlerState handlers;
+    handlers.compactReadBuffer = true;
+    handlers.readHandler = [&](int, BufferState* buffer) {
+      std::lock_guard<std::mutex> guard(mutex);
+      for (unsigned header = 0, size = 0; CheckIpcPackageComplete(buffer, &header, &size);) {
+        const char* body = buffer->read(header) != nullptr ? buffer->read(size) : nullptr;
+        if (body == nullptr) return -1;
+        bodies.emplace_back(body, size);
+      }
+      return 0;
+    };
+    auto arrived = [&](size_t n) {
+      return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return bodies.size() >= n; });
+    };
+    cpu_set_t cpus{};
+    CPU_SET(0, &cpus);
+    UnixIpcManager server(true, 32768, "kavo_grow", handlers, "IpcFrameworkTest", cpus, 10, 32);
+    ASSERT_TRUE(server.start());
+    kavo::test::RawClient client;
+    ASSERT_TRUE(client.Connect("kavo_grow"));
+
+    std::vector<std::string> sent;
+    std::string wire;
+    for (int i = 0; i < 400; ++i) sent.push_back(std::to_string(i) + std::string(i % 37, char('a' + i % 26)));
+    for (size_t size : {32763u, 32764u}) {
+      sent.emplace_back(size, '\0');
+      for (size_t at = 0; at < size; ++at) sent.back()[at] = char(at % 253);
+    }
+    sent.push_back("last of the burst");
+    for (const std::string& body : sent) wire += kavo::test::RawFrame(body);
+    ASSERT_GT(wire.size(), 2 * BufferState::kInitialStorage + 2 * 32768);
+    ASSERT_TRUE(client.Send(wire) && arrived(sent.size()));
+    EXPECT_TRUE(bodies == sent);
+
+    // Announced one byte above the buffer: dropped at once, not waited for.
+    ASSERT_TRUE(client.Send(kavo::test::U32(32765) + "xxxx"));
+    EXPECT_TRUE(log.WaitFor("Ipc package too big or damage, clear buffer. packageSize: 32769, cursor: 0, data: 8, bufferSize: 32768"));
+    ASSERT_TRUE(client.Send(kavo::test::RawFrame("after")) && arrived(sent.size() + 1));
+    server.stop();
+    EXPECT_EQ("after", bodies.back());
   });
 }
 

@@ -49,7 +49,7 @@ void DropDamagedFrame(BufferState* buffer, uint32_t total) {
   const ssize_t data = static_cast<ssize_t>(buffer->bufferDataCursor);
   const ssize_t bufferSize = static_cast<ssize_t>(buffer->size());
   const std::string hexdump = Kavo::Bpf::ConvertToHexString(
-      buffer->data(), static_cast<int>(std::min(buffer->bufferDataCursor, buffer->size())));
+      buffer->data(), static_cast<int>(std::min(buffer->bufferDataCursor, buffer->capacity())));
 
   RecordIpcError(
       KAVO_ERROR_DAMAGED_FRAME,
@@ -71,7 +71,7 @@ bool CheckIpcPackageComplete(BufferState* buffer, unsigned* headerSize, unsigned
   // The second test only matters for cursors that ran past the storage: the
   // size field is never read from outside the buffer.
   if (buffer->bufferCursor + ipcPackageHeaderSize > buffer->bufferDataCursor ||
-      buffer->bufferCursor + ipcPackageHeaderSize > buffer->size()) {
+      buffer->bufferCursor + ipcPackageHeaderSize > buffer->capacity()) {
     return false;
   }
   uint32_t size;

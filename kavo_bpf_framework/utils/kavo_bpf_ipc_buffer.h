@@ -23,6 +23,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -32,10 +33,8 @@
 // Size of the first-level header.
 constexpr unsigned ipcPackageHeaderSize = 4;
 
-// Leaves new elements uninitialised. A connection's buffers are sized to the
-// largest frame (32 KiB each way at the service) but an idle connection uses
-// a few hundred bytes of them; untouched, the rest costs no memory. Bytes are
-// only ever read between the cursors, where they were written first.
+// Leaves new elements uninitialised: bytes are only ever read between the
+// cursors, where they were written first.
 template <typename T>
 struct UninitializedAllocator : std::allocator<T> {
   template <typename U>
@@ -57,38 +56,91 @@ struct UninitializedAllocator : std::allocator<T> {
 
 // One connection's buffer for one direction. Data lies in
 // [bufferCursor, bufferDataCursor); bufferCursor <= bufferDataCursor <= size().
+//
+// size() is the buffer size the frame rule speaks of (32 KiB at the service);
+// the storage behind it starts at kInitialStorage bytes and doubles when a
+// write or a receive needs more, up to size(). Most connections never send
+// or receive more than a few hundred bytes at once, and a buffer allocated
+// whole would cost two or more pages each.
 struct KAVO_EXPORT BufferState {
+  static constexpr size_t kInitialStorage = 1024;
+
   size_t bufferCursor = 0;
   size_t bufferDataCursor = 0;
-  std::vector<char, UninitializedAllocator<char>> buffer;
 
-  size_t size() const { return buffer.size(); }
-  char* data() { return buffer.data(); }
-  const char* data() const { return buffer.data(); }
+  // Empties the buffer and sets its size; storage is allocated as needed.
+  void setSize(size_t size) {
+    resetCursors();
+    limit_ = size;
+    storage_.clear();
+    storage_.shrink_to_fit();
+    storage_.resize(std::min(size, kInitialStorage));
+  }
+  size_t size() const { return limit_; }
+  // Bytes allocated so far; data() is valid up to here.
+  size_t capacity() const { return storage_.size(); }
+  char* data() { return storage_.data(); }
+  const char* data() const { return storage_.data(); }
   size_t unread() const { return bufferDataCursor - bufferCursor; }
-  size_t freeRoom() const { return buffer.size() - bufferDataCursor; }
+  size_t freeRoom() const { return limit_ - bufferDataCursor; }
   void resetCursors() { bufferCursor = bufferDataCursor = 0; }
+
+  // Allocates storage for |bytes| (at most size()) now.
+  void reserve(size_t bytes) { growTo(std::min(limit_, bytes)); }
+
+  // The receive step: where the next receive writes and how many bytes it
+  // may take (*room; 0 only when the buffer holds size() bytes). A full
+  // storage doubles first.
+  char* receiveRoom(size_t* room) {
+    if (bufferDataCursor >= capacity()) grow();
+    *room = bufferDataCursor < capacity() ? capacity() - bufferDataCursor : 0;
+    return storage_.data() + std::min(bufferDataCursor, capacity());
+  }
+  // Accounts |n| bytes received into receiveRoom()'s |room|. A receive that
+  // filled its room may have left more behind, or a larger frame: the
+  // storage doubles for the next one.
+  void received(size_t n, size_t room) {
+    if (n > room || bufferDataCursor + n > capacity()) return;
+    bufferDataCursor += n;
+    if (n == room) grow();
+  }
 
   // Checked read: a pointer to the next |n| bytes, consumed; null (nothing
   // consumed) when fewer than |n| bytes are buffered, or when the cursors ran
   // past the storage (a broken buffer is never read outside its bytes).
   char* read(size_t n) {
-    if (n > buffer.size() || bufferDataCursor > buffer.size() || bufferCursor + n > bufferDataCursor) {
+    if (n > capacity() || bufferDataCursor > capacity() || bufferCursor + n > bufferDataCursor) {
       return nullptr;
     }
-    char* p = buffer.data() + bufferCursor;
+    char* p = storage_.data() + bufferCursor;
     bufferCursor += n;
     return p;
   }
 
   // Checked append at the end of the data; false (nothing written) when the
-  // bytes do not fit, or when the data cursor ran past the storage.
+  // bytes do not fit in size(), or when the data cursor ran past the storage.
   bool write(const void* bytes, size_t n) {
-    if (bufferDataCursor > buffer.size() || n > freeRoom()) return false;
-    if (n != 0) memcpy(buffer.data() + bufferDataCursor, bytes, n);
-    bufferDataCursor += n;
+    if (bufferDataCursor > capacity() || bufferDataCursor > limit_ || n > freeRoom()) return false;
+    const size_t end = bufferDataCursor + n;
+    if (end > capacity()) {
+      size_t grown = std::max<size_t>(capacity(), 1);
+      while (grown < end) grown *= 2;
+      growTo(std::min(limit_, grown));
+    }
+    if (n != 0) memcpy(storage_.data() + bufferDataCursor, bytes, n);
+    bufferDataCursor = end;
     return true;
   }
+
+ private:
+  // Doubles the storage, at most to size().
+  void grow() { growTo(std::min(limit_, std::max<size_t>(2 * capacity(), 1))); }
+  void growTo(size_t bytes) {
+    if (bytes > capacity()) storage_.resize(bytes);
+  }
+
+  size_t limit_ = 0;
+  std::vector<char, UninitializedAllocator<char>> storage_;
 };
 
 // Whether a whole frame starts at bufferCursor. Sets *headerSize to 4 and,

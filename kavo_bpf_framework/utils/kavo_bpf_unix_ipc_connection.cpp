@@ -76,8 +76,9 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
   }
 
   // One receive per event keeps the loop fair between connections.
-  ssize_t received = recvfrom(fd, readBuffer->data() + readBuffer->bufferDataCursor,
-                              readBuffer->size() - readBuffer->bufferDataCursor, 0, nullptr, nullptr);
+  size_t room = 0;
+  char* into = readBuffer->receiveRoom(&room);
+  ssize_t received = recvfrom(fd, into, room, 0, nullptr, nullptr);
   if (received == 0) return IPC_CB_NOTHING_MORE;  // the hang-up event cleans up
   if (received < 0) {
     __android_log_print(ANDROID_LOG_ERROR, logTag_, "[UnixIpcManager] Recv data failed: %d, message: %s",
@@ -87,9 +88,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     return closeAfterFailure(fd, "[UnixIpcManager] Server socket abnormal close!! (%s)",
                              "[UnixIpcManager] Reconnect to server failed! (%s)");
   }
-  if (readBuffer->bufferDataCursor + static_cast<size_t>(received) <= readBuffer->size()) {
-    readBuffer->bufferDataCursor += static_cast<size_t>(received);
-  }
+  readBuffer->received(static_cast<size_t>(received), room);
   if (!handlers_.readHandler || handlers_.readHandler(fd, readBuffer) != -1) return IPC_CB_HANDLED;
 
   __android_log_print(ANDROID_LOG_ERROR, logTag_,
@@ -168,7 +167,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                           nullptr, 0);
     if (sent >= 0) {
       const size_t next = writeBuffer->bufferCursor + static_cast<size_t>(sent);
-      if (next <= writeBuffer->size() && next <= writeBuffer->bufferDataCursor) {
+      if (next <= writeBuffer->capacity() && next <= writeBuffer->bufferDataCursor) {
         writeBuffer->bufferCursor = next;
       }
     } else if (errno == EAGAIN) {
@@ -256,8 +255,7 @@ std::shared_ptr<std::mutex> UnixIpcManager::writeLockFor(int fd) {
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
   std::lock_guard<std::mutex> guard(bufferMutex_);
   BufferState& buffer = readBuffers_[fd];
-  buffer.resetCursors();
-  buffer.buffer.resize(bufferSize_ > 0 ? static_cast<size_t>(bufferSize_) : 0);
+  buffer.setSize(bufferSize_ > 0 ? static_cast<size_t>(bufferSize_) : 0);
   return true;
 }
 
@@ -267,8 +265,7 @@ bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
   std::lock_guard<std::mutex> guard(*writeLock);
   std::lock_guard<std::mutex> tables(writeTableMutex_);
   BufferState& buffer = writeBuffers_[fd];
-  buffer.resetCursors();
-  buffer.buffer.resize(bufferSize_ > 0 ? static_cast<size_t>(bufferSize_) : 0);
+  buffer.setSize(bufferSize_ > 0 ? static_cast<size_t>(bufferSize_) : 0);
   return true;
 }
 

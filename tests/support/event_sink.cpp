@@ -25,7 +25,7 @@ EventSink::~EventSink() { KavoBpfService::GetInstance()->onClientLibClose(fd_); 
 std::vector<std::string> EventSink::Drain() {
   std::vector<std::string> records;
   BufferState buffer;
-  buffer.buffer.resize(32768);
+  buffer.setSize(32768);
   while (true) {
     buffer.resetCursors();
     KavoBpfService::GetInstance()->onClientLibWriteable(fd_, &buffer);
