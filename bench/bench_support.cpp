@@ -78,13 +78,16 @@ std::string RingStatsPath(int ring) {
   return path.substr(0, path.rfind('_', path.rfind('_') - 1)) + "_ring_stats";
 }
 
-uint64_t SchedstatNs(const std::string& path) {
-  uint64_t ns = 0;
+// "run ns, runnable-and-waiting ns, timeslices"; zeros when unreadable.
+Schedstat ReadSchedstat(const std::string& path) {
+  Schedstat stat;
   Kavo::Bpf::ScopedFile file = Kavo::Bpf::OpenForRead(path.c_str());
-  unsigned long long value = 0;
-  if (file && fscanf(file.get(), "%llu", &value) == 1) ns = value;
-  return ns;
+  unsigned long long run = 0, wait = 0;
+  if (file && fscanf(file.get(), "%llu %llu", &run, &wait) == 2) stat = {run, wait};
+  return stat;
 }
+
+uint64_t SchedstatNs(const std::string& path) { return ReadSchedstat(path).runNs; }
 
 }  // namespace
 
@@ -213,9 +216,11 @@ uint64_t ProcessCpuNs(pid_t pid) {
   return ns;
 }
 
-uint64_t ThreadCpuNs(pid_t tid) {
-  return SchedstatNs("/proc/self/task/" + std::to_string(tid) + "/schedstat");
+Schedstat ThreadSchedstat(pid_t tid) {
+  return ReadSchedstat("/proc/self/task/" + std::to_string(tid) + "/schedstat");
 }
+
+uint64_t ThreadCpuNs(pid_t tid) { return ThreadSchedstat(tid).runNs; }
 
 double Median(std::vector<double>* values) {
   if (values->empty()) return 0;

@@ -82,5 +82,12 @@ uint64_t InterruptCount(const char* name);
 // (from schedstat).
 uint64_t ProcessCpuNs(pid_t pid);
 uint64_t ThreadCpuNs(pid_t tid);
+// A thread of this process: nanoseconds on CPU, and nanoseconds it was
+// runnable but waited for a CPU.
+struct Schedstat {
+  uint64_t runNs = 0;
+  uint64_t waitNs = 0;
+};
+Schedstat ThreadSchedstat(pid_t tid);
 
 }  // namespace kavo::bench

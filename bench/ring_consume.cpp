@@ -130,7 +130,13 @@ struct Drain {
   uint64_t records = 0;
   double seconds = 0;
   uint64_t delivered = 0;  // of the backlog's types, to the client (when there is one)
+  // The monitor thread while the clock ran: on a CPU, and runnable but
+  // waiting for one (another thread had it).
+  uint64_t monitorRunNs = 0;
+  uint64_t monitorWaitNs = 0;
   double perSecond() const { return seconds > 0 ? static_cast<double>(records) / seconds : 0; }
+  double runNsPerRecord() const { return records > 0 ? static_cast<double>(monitorRunNs) / static_cast<double>(records) : 0; }
+  double waitedShare() const { return seconds > 0 ? static_cast<double>(monitorWaitNs) / 1e9 / seconds : 0; }
 };
 
 Drain DrainBare() {
@@ -161,12 +167,20 @@ Drain DrainThroughMonitor(KavoBpfService* service, AfterDrain afterDrain) {
   uint64_t end = view.producerPos();
   Drain drain;
   drain.records = view.recordsBetween(begin, end);
-  std::thread monitor([service] { service->eventMonitor(); });
+  std::atomic<pid_t> monitorTid{0};
+  std::thread monitor([service, &monitorTid] {
+    monitorTid = gettid();
+    service->eventMonitor();
+  });
   while (view.consumerPos() == begin) Nap();
   const uint64_t first = view.consumerPos();
   auto start = Clock::now();
+  const Schedstat before = ThreadSchedstat(monitorTid);
   while (view.consumerPos() < end) Nap();
   drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const Schedstat after = ThreadSchedstat(monitorTid);
+  drain.monitorRunNs = after.runNs - before.runNs;
+  drain.monitorWaitNs = after.waitNs - before.waitNs;
   drain.records -= view.recordsBetween(begin, first);  // taken before the clock started
   afterDrain(&drain);
   service->stop();
@@ -254,9 +268,12 @@ int main(int argc, char** argv) {
   }
   const double loadBefore = LoadAverage();
 
-  printf("%-6s %12s %14s %14s %14s %10s %10s %12s\n", "round", "records", "bare/s", "monitor/s",
-         "with client/s", "mon/bare", "client/mon", "client got");
+  printf("%-6s %12s %14s %14s %14s %10s %10s %12s %9s %9s %9s %9s\n", "round", "records", "bare/s", "monitor/s",
+         "with client/s", "mon/bare", "client/mon", "client got", "ns/rec", "waited", "ns/rec c", "waited c");
   std::vector<double> bareRates, monitorRates, clientRates, monitorToBare, clientToMonitor, delivered;
+  // The monitor's own CPU time per record and share of the drain spent
+  // waiting for a CPU, without and with the client.
+  std::vector<double> runNs, waited, runNsClient, waitedClient;
   uint64_t records = 0;
   for (int round = 1; round <= rounds; ++round) {
     MakeBacklog(forks);
@@ -276,23 +293,32 @@ int main(int argc, char** argv) {
     delivered.push_back(withClient.records > 0
                             ? static_cast<double>(withClient.delivered) / static_cast<double>(withClient.records)
                             : 0);
-    printf("%-6d %12llu %14.0f %14.0f %14.0f %10.3f %10.3f %12.3f\n", round,
+    runNs.push_back(monitor.runNsPerRecord());
+    waited.push_back(monitor.waitedShare());
+    runNsClient.push_back(withClient.runNsPerRecord());
+    waitedClient.push_back(withClient.waitedShare());
+    printf("%-6d %12llu %14.0f %14.0f %14.0f %10.3f %10.3f %12.3f %9.1f %9.3f %9.1f %9.3f\n", round,
            static_cast<unsigned long long>(monitor.records), bare.perSecond(), monitor.perSecond(),
-           withClient.perSecond(), monitorToBare.back(), clientToMonitor.back(), delivered.back());
+           withClient.perSecond(), monitorToBare.back(), clientToMonitor.back(), delivered.back(), runNs.back(),
+           waited.back(), runNsClient.back(), waitedClient.back());
   }
   const double loadAfter = LoadAverage();
   printf("medians over %d rounds: bare libbpf (count only) %.0f records/s; service monitor (dispatch, no client) "
          "%.0f; with one client reading every type %.0f; monitor / bare %.3f; with client / without %.3f; the "
-         "client got %.3f of the backlog; load average %.2f before, %.2f after\n",
+         "client got %.3f of the backlog; the monitor's CPU time %.1f ns a record without the client, %.1f with it, "
+         "and it waited for a CPU %.3f of the drain without, %.3f with; load average %.2f before, %.2f after\n",
          rounds, MedianOf(bareRates), MedianOf(monitorRates), MedianOf(clientRates), MedianOf(monitorToBare),
-         MedianOf(clientToMonitor), MedianOf(delivered), loadBefore, loadAfter);
+         MedianOf(clientToMonitor), MedianOf(delivered), MedianOf(runNs), MedianOf(runNsClient), MedianOf(waited),
+         MedianOf(waitedClient), loadBefore, loadAfter);
   printf("{\"benchmark\":\"ring_consume\",\"forks\":%d,\"rounds\":%d,\"records\":%llu,"
          "\"bare_records_per_s\":%.0f,\"monitor_records_per_s\":%.0f,\"client_records_per_s\":%.0f,"
          "\"monitor_to_bare_ratio\":%.4f,\"client_to_monitor_ratio\":%.4f,\"client_delivered_share\":%.4f,"
+         "\"monitor_cpu_ns_per_record\":%.1f,\"monitor_cpu_ns_per_record_with_client\":%.1f,"
+         "\"monitor_waited_share\":%.3f,\"monitor_waited_share_with_client\":%.3f,"
          "\"load_before\":%.2f,\"load_after\":%.2f}\n",
          forks, rounds, static_cast<unsigned long long>(records), MedianOf(bareRates), MedianOf(monitorRates),
-         MedianOf(clientRates), MedianOf(monitorToBare), MedianOf(clientToMonitor), MedianOf(delivered), loadBefore,
-         loadAfter);
+         MedianOf(clientRates), MedianOf(monitorToBare), MedianOf(clientToMonitor), MedianOf(delivered), MedianOf(runNs),
+         MedianOf(runNsClient), MedianOf(waited), MedianOf(waitedClient), loadBefore, loadAfter);
   fflush(stdout);
   _exit(0);
 }

@@ -444,7 +444,8 @@ int TakeFork(void* ctx, void* data, size_t size) {
   return 0;
 }
 
-// The programs wake a consumer that waits, but not one that says it is awake.
+// The programs wake a consumer that waits, but not one that says it is awake,
+// nor one that pauses after a burst.
 TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
   kavo::test::RunInNamespace([] {
     if (!Load()) return;
@@ -484,6 +485,26 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
       if (epoll_wait(epollFd, &event, 1, 100) > 0) ring_buffer__consume(consumer);
       return std::count(taken.begin(), taken.end(), woken) > 0;
     })) << "the consumer was not woken for its record";
+
+    // Lingering after that burst: never after an empty poll; still awake
+    // during the pause, so a record made then wakes nobody and the look after
+    // it takes it; a pause that found nothing is skipped after the next burst.
+    EXPECT_FALSE(wakeup.lingerAfter(0));
+    wakeup.onRecord();  // as the monitor's sample callback does
+    ASSERT_TRUE(wakeup.lingerAfter(1));
+    do ring_buffer__consume(consumer);
+    while (epoll_wait(epollFd, &event, 1, 0) > 0);
+    *word = 1;  // a lease that ran out while the consumer kept busy
+    wakeup.renew();
+    const pid_t duringPause = kavo::test::ForkAndReap();
+    EXPECT_EQ(0, epoll_wait(epollFd, &event, 1, 50)) << "a record made during the pause woke the consumer";
+    const int found = ring_buffer__consume(consumer);
+    EXPECT_TRUE(found >= 1 && std::count(taken.begin(), taken.end(), duringPause) == 1) << found;
+    wakeup.lingered(found);
+    EXPECT_TRUE(wakeup.lingerAfter(1)) << "a pause that paid is tried again";
+    wakeup.lingered(0);
+    EXPECT_FALSE(wakeup.lingerAfter(1)) << "a pause that found nothing is repeated at once";
+    EXPECT_TRUE(wakeup.lingerAfter(1)) << "one burst without a pause, then pauses again";
     munmap(const_cast<uint64_t*>(word), 4096);
     ring_buffer__free(consumer);
   });

@@ -13,6 +13,17 @@
 //   }
 //   // in the sample callback, for every record: wakeup.onRecord();
 //
+// Lingering: a wake-up costs the producer that makes it an interrupt on its
+// own CPU (and, on a virtual machine, an exit for each interrupt sent), far
+// more than its program's own work. So after a burst the consumer, still
+// "awake", pauses for kLingerNs without the CPU and takes what came meanwhile
+// before it says "waiting": a fork storm's records then come without
+// wake-ups. A pause that found nothing is not repeated after the next burst,
+// so a steady trickle of single records (each one alone) pays a timer
+// wake-up for at most every other record, and an idle consumer none:
+//
+//   if (wakeup.lingerAfter(n)) { wakeup.renew(); pause; m = consume; wakeup.lingered(m); }
+//
 // After beforeWait() has said the ring is empty, the consumer must not take
 // a record without first waiting in the poll: a producer that saw the word
 // at 0 wakes it. While it works (from its first record until the next
@@ -34,6 +45,9 @@ class RingWakeup {
   // How long a consumer's "awake" holds if it stops without saying so: after
   // that the producers wake it again for every record that finds it caught up.
   static constexpr uint64_t kAwakeLeaseNs = 100000000;  // 100 ms
+  // The pause after a burst: the gap between the records of one fork and
+  // exit on this kind of machine, and well below a reader's latency budget.
+  static constexpr uint64_t kLingerNs = 20000;  // 20 us
 
   RingWakeup() = default;
   ~RingWakeup();
@@ -49,6 +63,24 @@ class RingWakeup {
   // whether records were reserved that the consumer has not taken yet; then
   // it must consume rather than wait.
   bool beforeWait();
+  // Says "awake" again with a fresh lease, for a consumer that keeps
+  // looking at the ring without waiting in between.
+  void renew() {
+    if (awake_ && word_ != nullptr) markAwake();
+  }
+  // Whether to pause and look again after a poll call that took |handled|
+  // records, instead of saying "waiting" (never after an empty one, never
+  // without a word, and not right after a pause that found nothing).
+  bool lingerAfter(int handled) {
+    if (handled <= 0 || word_ == nullptr) return false;
+    if (!lastLingerFound_) {
+      lastLingerFound_ = true;  // the one after this burst is tried again
+      return false;
+    }
+    return true;
+  }
+  // What the look after a pause took.
+  void lingered(int found) { lastLingerFound_ = found > 0; }
   // For each record taken: the first after beforeWait() says "awake".
   void onRecord() {
     if (!awake_ && word_ != nullptr) markAwake();
@@ -61,6 +93,7 @@ class RingWakeup {
   const volatile uint64_t* positions_ = nullptr;  // consumer page, then producer page
   size_t pageSize_ = 0;
   bool awake_ = false;
+  bool lastLingerFound_ = true;
 };
 
 }  // namespace Kavo::Bpf

@@ -42,6 +42,7 @@
 #include <sched.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <time.h>
 
 #include <memory>
@@ -94,6 +95,15 @@ void PauseUnlessStopped(int stopFd, int ms) {
   poll(&wake, stopFd >= 0 ? 1 : 0, ms);
 }
 
+// A monitor's pause after a burst is short: without a small timer slack of
+// its own the default (50 us) would make it several times longer.
+constexpr unsigned long kLingerSlackNs = 5000;
+
+void Linger() {
+  struct timespec pause = {0, static_cast<long>(RingWakeup::kLingerNs)};
+  nanosleep(&pause, nullptr);
+}
+
 }  // namespace
 
 int KavoBpfService::eventMonitor() { return monitorRing(kRingDefineset); }
@@ -102,6 +112,7 @@ int KavoBpfService::gpleventMonitor() { return monitorRing(kRingGplDefineset); }
 int KavoBpfService::monitorRing(int ring) {
   const char* name = kMonitorNames[ring];
   InstallDumpSignalHandlers();
+  prctl(PR_SET_TIMERSLACK, kLingerSlackNs);
 
   android::base::unique_fd ringFd(OpenPinnedObject(RINGBUF_MAP_PATH[ring]));
   if (ringFd.get() < 0) {
@@ -192,14 +203,25 @@ int KavoBpfService::monitorRing(int ring) {
       __android_log_print(ANDROID_LOG_WARN, kTag, "%s", kStopMessages[ring]);
       return 0;
     }
-    // After a burst, whoever makes the next records (a forking process, the
-    // client just sent to) gets the CPU first when it wants it: the records
-    // of a storm then come in fewer, larger bursts, each a wake-up less.
-    if (handled > 0) sched_yield();
+    int result = 0;
+    if (wakeup.lingerAfter(handled)) {
+      // Still "awake": records made during the pause come without a
+      // wake-up, and whoever makes them has the CPU meanwhile.
+      wakeup.renew();
+      Linger();
+      result = ring_buffer__consume(poller.get());
+      wakeup.lingered(result);
+    } else if (handled > 0) {
+      // After a burst, whoever makes the next records (a forking process,
+      // the client just sent to) gets the CPU first when it wants it.
+      sched_yield();
+    }
     // Records that came without a wake-up are taken at once; the poll would
     // wait for the next wake-up.
-    int result = wakeup.beforeWait() ? ring_buffer__consume(poller.get())
-                                     : ring_buffer__poll(poller.get(), lossWatch.pollTimeoutMs());
+    if (result == 0) {
+      result = wakeup.beforeWait() ? ring_buffer__consume(poller.get())
+                                   : ring_buffer__poll(poller.get(), lossWatch.pollTimeoutMs());
+    }
     handled = result;
     if (result >= 0) {
       KavoBpfDataState::GetInstance()->RecordEvent(KavoBpfDataState::kPollCounter, 1);
