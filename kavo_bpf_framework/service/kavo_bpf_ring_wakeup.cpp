@@ -54,6 +54,11 @@ bool RingWakeup::beforeWait() {
   awake_ = false;
   if (word_ == nullptr) return false;
   __atomic_store_n(word_, 0, __ATOMIC_SEQ_CST);
+  return recordsWaiting();
+}
+
+bool RingWakeup::recordsWaiting() const {
+  if (positions_ == nullptr) return false;
   const uint64_t consumer = __atomic_load_n(&positions_[0], __ATOMIC_SEQ_CST);
   const uint64_t producer = __atomic_load_n(&positions_[pageSize_ / sizeof(uint64_t)], __ATOMIC_SEQ_CST);
   return producer != consumer;

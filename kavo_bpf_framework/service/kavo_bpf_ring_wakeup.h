@@ -18,11 +18,14 @@
 // more than its program's own work. So after a burst the consumer, still
 // "awake", pauses for kLingerNs without the CPU and takes what came meanwhile
 // before it says "waiting": a fork storm's records then come without
-// wake-ups. A pause that found nothing is not repeated after the next burst,
+// wake-ups. It pauses only once it has caught up: at high rates, where the
+// records are there already, a pause would only add a timer interrupt. A pause that found nothing is not repeated after the next burst,
 // so a steady trickle of single records (each one alone) pays a timer
 // wake-up for at most every other record, and an idle consumer none:
 //
-//   if (wakeup.lingerAfter(n)) { wakeup.renew(); pause; m = consume; wakeup.lingered(m); }
+//   wakeup.renew();
+//   if (wakeup.lingerAfter(n)) { pause; m = consume; wakeup.lingered(m); }
+//   else if (wakeup.recordsWaiting()) m = consume;
 //
 // After beforeWait() has said the ring is empty, the consumer must not take
 // a record without first waiting in the poll: a producer that saw the word
@@ -63,16 +66,20 @@ class RingWakeup {
   // whether records were reserved that the consumer has not taken yet; then
   // it must consume rather than wait.
   bool beforeWait();
+  // Whether records were reserved that the consumer has not taken yet.
+  bool recordsWaiting() const;
   // Says "awake" again with a fresh lease, for a consumer that keeps
   // looking at the ring without waiting in between.
   void renew() {
     if (awake_ && word_ != nullptr) markAwake();
   }
   // Whether to pause and look again after a poll call that took |handled|
-  // records, instead of saying "waiting" (never after an empty one, never
-  // without a word, and not right after a pause that found nothing).
+  // records, instead of saying "waiting": only when the consumer has caught
+  // up (records already there are taken at once), never after an empty
+  // call, never without a word, and not right after a pause that found
+  // nothing.
   bool lingerAfter(int handled) {
-    if (handled <= 0 || word_ == nullptr) return false;
+    if (handled <= 0 || word_ == nullptr || recordsWaiting()) return false;
     if (!lastLingerFound_) {
       lastLingerFound_ = true;  // the one after this burst is tried again
       return false;

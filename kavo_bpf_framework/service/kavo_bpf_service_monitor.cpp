@@ -204,17 +204,24 @@ int KavoBpfService::monitorRing(int ring) {
       return 0;
     }
     int result = 0;
-    if (wakeup.lingerAfter(handled)) {
-      // Still "awake": records made during the pause come without a
-      // wake-up, and whoever makes them has the CPU meanwhile.
-      wakeup.renew();
-      Linger();
-      result = ring_buffer__consume(poller.get());
-      wakeup.lingered(result);
-    } else if (handled > 0) {
+    if (handled > 0) {
       // After a burst, whoever makes the next records (a forking process,
-      // the client just sent to) gets the CPU first when it wants it.
-      sched_yield();
+      // the client just sent to) gets the CPU first when it wants it; a
+      // monitor that caught up pauses, still "awake", so that what they
+      // make meanwhile comes without a wake-up.
+      wakeup.renew();
+      const bool paused = wakeup.lingerAfter(handled);
+      if (paused) {
+        Linger();
+      } else {
+        sched_yield();
+      }
+      // Still awake: what is there is taken without saying "waiting" first,
+      // which would let the next record wake the monitor.
+      if (paused || wakeup.recordsWaiting()) {
+        result = ring_buffer__consume(poller.get());
+        if (paused) wakeup.lingered(result);
+      }
     }
     // Records that came without a wake-up are taken at once; the poll would
     // wait for the next wake-up.
