@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -71,6 +72,19 @@ TEST(IpcFramework, FramesUpToTheBufferSizeArriveWholeLargerOnesAreDropped) {
   }
   EXPECT_EQ(2u, log.Count("Ipc package too big or damage, clear buffer.", ANDROID_LOG_ERROR));
 }
+
+// A server endpoint with the service's buffer size on CPU 0, started, and a
+// raw client connected to it.
+struct Endpoint {
+  bool Start(const std::string& name, const IpcHandlerState& handlers) {
+    cpu_set_t cpus{};
+    CPU_SET(0, &cpus);
+    server = std::make_unique<UnixIpcManager>(true, 32768, name, handlers, "IpcFrameworkTest", cpus, 10, 32);
+    return server->start() && client.Connect(name);
+  }
+  std::unique_ptr<UnixIpcManager> server;
+  kavo::test::RawClient client;
+};
 
 // Everything queued, as the client reads it, one 32768-byte send buffer after another.
 std::string Drain(IpcPackageManager* queue, bool inOneGo) {
@@ -205,12 +219,10 @@ TEST(IpcFramework, ASenderOnAnotherThreadSendsWhatFitsAndTheLoopTheRestInOrder) 
       pending.erase(0, n);
       return 0;
     };
-    cpu_set_t cpus{};
-    CPU_SET(0, &cpus);
-    UnixIpcManager server(true, 32768, "kavo_try_write", handlers, "IpcFrameworkTest", cpus, 10, 32);
-    ASSERT_TRUE(server.start());
-    kavo::test::RawClient client;
-    ASSERT_TRUE(client.Connect("kavo_try_write"));
+    Endpoint endpoint;
+    ASSERT_TRUE(endpoint.Start("kavo_try_write", handlers));
+    UnixIpcManager& server = *endpoint.server;
+    kavo::test::RawClient& client = endpoint.client;
     ASSERT_TRUE(kavo::test::WaitUntil([&] { return connection >= 0; }));
     auto receive = [&](size_t bytes) {
       std::string got(bytes, '\0');
@@ -259,12 +271,10 @@ TEST(IpcFramework, AReadBufferGrowsToTheLargestFrameAndNoFurther) {
     auto arrived = [&](size_t n) {
       return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return bodies.size() >= n; });
     };
-    cpu_set_t cpus{};
-    CPU_SET(0, &cpus);
-    UnixIpcManager server(true, 32768, "kavo_grow", handlers, "IpcFrameworkTest", cpus, 10, 32);
-    ASSERT_TRUE(server.start());
-    kavo::test::RawClient client;
-    ASSERT_TRUE(client.Connect("kavo_grow"));
+    Endpoint endpoint;
+    ASSERT_TRUE(endpoint.Start("kavo_grow", handlers));
+    UnixIpcManager& server = *endpoint.server;
+    kavo::test::RawClient& client = endpoint.client;
 
     std::vector<std::string> sent;
     std::string wire;
