@@ -122,11 +122,7 @@ struct KAVO_EXPORT BufferState {
   bool write(const void* bytes, size_t n) {
     if (bufferDataCursor > capacity() || bufferDataCursor > limit_ || n > freeRoom()) return false;
     const size_t end = bufferDataCursor + n;
-    if (end > capacity()) {
-      size_t grown = std::max<size_t>(capacity(), 1);
-      while (grown < end) grown *= 2;
-      growTo(std::min(limit_, grown));
-    }
+    if (end > capacity()) growTo(std::min(limit_, std::max(end, 2 * capacity())));
     if (n != 0) memcpy(storage_.data() + bufferDataCursor, bytes, n);
     bufferDataCursor = end;
     return true;

@@ -5,7 +5,7 @@
 //
 //   kavo::test::RawClient client;
 //   ASSERT_TRUE(client.Connect());
-//   client.Send(kavo::test::SubscribeFrame(7, 51, 1));
+//   client.Send(kavo::test::RequestFrame(7, 51, 1));
 //   auto frame = client.ReadFrame(std::chrono::seconds(2));   // type, body
 
 #include <stdint.h>
