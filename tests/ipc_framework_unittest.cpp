@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -46,7 +47,9 @@ bool NewestLoss(int code, const std::string& text) {
 BufferState SendBuffer() {
   BufferState buffer;
   buffer.setSize(32768);
-  buffer.reserve(32768);
+  const std::vector<char> whole(32768);
+  buffer.write(whole.data(), whole.size());
+  buffer.resetCursors();
   return buffer;
 }
 

@@ -85,9 +85,6 @@ struct KAVO_EXPORT BufferState {
   size_t freeRoom() const { return limit_ - bufferDataCursor; }
   void resetCursors() { bufferCursor = bufferDataCursor = 0; }
 
-  // Allocates storage for |bytes| (at most size()) now.
-  void reserve(size_t bytes) { growTo(std::min(limit_, bytes)); }
-
   // The receive step: where the next receive writes and how many bytes it
   // may take (*room; 0 only when the buffer holds size() bytes). A full
   // storage doubles first.
@@ -122,18 +119,20 @@ struct KAVO_EXPORT BufferState {
   bool write(const void* bytes, size_t n) {
     if (bufferDataCursor > capacity() || bufferDataCursor > limit_ || n > freeRoom()) return false;
     const size_t end = bufferDataCursor + n;
-    if (end > capacity()) growTo(std::min(limit_, std::max(end, 2 * capacity())));
+    if (end > capacity()) growFor(end);
     if (n != 0) memcpy(storage_.data() + bufferDataCursor, bytes, n);
     bufferDataCursor = end;
     return true;
   }
 
  private:
-  // Doubles the storage, at most to size().
-  void grow() { growTo(std::min(limit_, std::max<size_t>(2 * capacity(), 1))); }
-  void growTo(size_t bytes) {
-    if (bytes > capacity()) storage_.resize(bytes);
+  // Storage for |bytes| at least, and at least double what there is, in
+  // one step; never more than size().
+  void growFor(size_t bytes) {
+    const size_t target = std::min(limit_, std::max(bytes, 2 * capacity()));
+    if (target > capacity()) storage_.resize(target);
   }
+  void grow() { growFor(capacity() + 1); }
 
   size_t limit_ = 0;
   std::vector<char, UninitializedAllocator<char>> storage_;
