@@ -187,5 +187,70 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
   });
 }
 
+// A batch that fills up in the middle of a drain goes to the clients' writer
+// whole (here the sinks' drains play the IPC thread). What the writer has
+// not taken yet still reaches each client in order and before anything
+// forwarded later; a client that unsubscribes gets what was routed to it
+// before and nothing after; a closed client's events never reach the next
+// connection on its descriptor; a writer too far behind is caught up by the
+// producer.
+TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
+  RunInNamespace([] {
+    EventManager* events = EventManager::GetInstance();
+    constexpr size_t kBatch = EventBatch::kMaxEvents;
+    EventSink a({KAVO_EVENT_RSS_STAT}, 1000), b({KAVO_EVENT_RSS_STAT}, 1001);
+    Records made;
+    auto publish = [&](size_t count) {
+      for (size_t i = 0; i < count; ++i) {
+        auto rss = RssRecord(8000, KAVO_RSS_ANON, 4096 * static_cast<int64_t>(made.size()), made.size());
+        events->AppendEvent(reinterpret_cast<char*>(&rss), sizeof(rss));
+        made.push_back(Bytes(rss));
+      }
+    };
+    auto madeBetween = [&](size_t from, size_t to) { return Records(made.begin() + from, made.begin() + to); };
+    EventManager::BatchScope scope;
+    publish(kBatch - 1);
+    EXPECT_EQ(0u, events->handedOver());
+    publish(1);
+    EXPECT_EQ(1u, events->handedOver());
+    publish(kBatch + 1);
+    EXPECT_EQ(2u, events->handedOver());
+
+    // b leaves the type with two batches undelivered: it gets them, not the
+    // event still waiting in the scope's batch, nor anything after.
+    events->DelObserverEvent(1001, KAVO_EVENT_RSS_STAT);
+    EXPECT_EQ(0u, events->handedOver());
+    EXPECT_TRUE(madeBetween(0, 2 * kBatch) == b.Drain());
+
+    // A flush while batches wait goes behind them.
+    publish(kBatch - 1 + 5);
+    EXPECT_EQ(1u, events->handedOver());
+    scope.flush();
+    EXPECT_EQ(2u, events->handedOver());
+    EXPECT_TRUE(made == a.Drain() && b.Drain().empty());
+
+    // c closes with a batch routed to it undelivered; the next connection on
+    // its descriptor subscribed to something else and gets none of it.
+    {
+      EventSink c({KAVO_EVENT_RSS_STAT}, 1002);
+      publish(kBatch);
+      EXPECT_EQ(1u, events->handedOver());
+    }
+    EXPECT_EQ(0u, events->handedOver());
+    EventSink next({KAVO_EVENT_TASK_CREATE}, 1002);
+    EXPECT_TRUE(next.Drain().empty());
+
+    // The writer may fall this far behind and no further: the next full
+    // batch makes the producer deliver them all, then its own.
+    const size_t from = made.size() - kBatch;
+    publish(kBatch * EventManager::kMaxHandedBatches);
+    EXPECT_EQ(EventManager::kMaxHandedBatches, events->handedOver());
+    publish(kBatch);
+    EXPECT_EQ(0u, events->handedOver());
+    EXPECT_EQ(made.size() - from, KavoBpfService::GetInstance()->getClientQueueLengths()[1000]);
+    EXPECT_TRUE(madeBetween(from, made.size()) == a.Drain());
+  });
+}
+
 }  // namespace
 }  // namespace Kavo::Bpf

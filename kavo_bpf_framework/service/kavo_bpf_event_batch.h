@@ -5,9 +5,11 @@
 // then the derived events its handler published, then the next record.
 // EventManager routes a whole batch under one lock (EventManager::BatchScope),
 // so every client's queue gets exactly the events it would have got one by
-// one, in the same order.
+// one, in the same order. A routed batch says, per client, which of its
+// events that client gets; it may be delivered by another thread.
 //
-// Thread-compatible: a batch belongs to the thread that opened it.
+// Thread-compatible: a batch belongs to one thread at a time (the one that
+// fills it, then the one that delivers it).
 
 #include <stddef.h>
 #include <stdint.h>
@@ -36,10 +38,21 @@ class EventBatch {
   void clear() {
     count_ = 0;
     used_ = 0;
+    routes_.clear();
   }
 
-  // Scratch for the router, kept so that routing a batch allocates nothing.
-  std::vector<int>& clients() { return clients_; }
+  // Where a routed batch goes: a client, its queue, and the indexes (bits)
+  // among typeSlot() values of the event types it subscribed to.
+  struct Route {
+    int fd;
+    IpcPackageManager* queue;
+    uint64_t wantedSlots;
+  };
+  std::vector<Route>& routes() { return routes_; }
+  const std::vector<Route>& routes() const { return routes_; }
+  // Per event, the index of its type among the batch's distinct types.
+  uint8_t typeSlot(size_t i) const { return slots_[i]; }
+  void setTypeSlot(size_t i, uint8_t slot) { slots_[i] = slot; }
 
  private:
   struct Event {
@@ -48,11 +61,14 @@ class EventBatch {
     int32_t type;
   };
 
+  static_assert(kMaxEvents <= 64, "a route's wanted types are the bits of a u64");
+
   alignas(8) char bytes_[kMaxBytes];
   Event events_[kMaxEvents];
   size_t count_ = 0;
   size_t used_ = 0;
-  std::vector<int> clients_;
+  uint8_t slots_[kMaxEvents];
+  std::vector<Route> routes_;
 };
 
 }  // namespace Kavo::Bpf

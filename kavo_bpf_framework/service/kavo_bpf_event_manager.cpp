@@ -17,21 +17,21 @@ void RemoveAll(std::vector<int>& list, int value) {
   list.erase(std::remove(list.begin(), list.end(), value), list.end());
 }
 
-// The batch the calling thread forwards through, if it opened one.
-thread_local EventBatch* tOpenBatch = nullptr;
+// The batch scope the calling thread forwards through, if it opened one.
+thread_local EventManager::BatchScope* tOpenScope = nullptr;
 
 }  // namespace
 
 // Default-initialised: the batch's storage is touched only as events fill it.
-EventManager::BatchScope::BatchScope() : batch_(new EventBatch) { tOpenBatch = batch_.get(); }
+EventManager::BatchScope::BatchScope() : batch_(new EventBatch) { tOpenScope = this; }
 
 EventManager::BatchScope::~BatchScope() {
   flush();
-  tOpenBatch = nullptr;
+  tOpenScope = nullptr;
 }
 
 void EventManager::BatchScope::flush() {
-  if (!batch_->empty()) GetInstance()->forwardBatch(batch_.get(), true);
+  if (!batch_->empty()) GetInstance()->forwardBatch(this, false);
 }
 
 EventManager* EventManager::GetInstance() {
@@ -59,31 +59,39 @@ void EventManager::AddObserverEvent(int fd, int eventType) {
 }
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
-  std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
-  RemoveAll(eventObservers[eventType], fd);
-  RemoveAll(fdEvents[fd], eventType);
+  {
+    std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
+    RemoveAll(eventObservers[eventType], fd);
+    RemoveAll(fdEvents[fd], eventType);
+  }
+  // What was routed before goes first: nothing of the type follows the answer.
+  deliverHandedOver();
 }
 
 void EventManager::EraseObserver(int fd) {
-  std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
-  auto it = fdEvents.find(fd);
-  if (it == fdEvents.end()) return;
-  for (int eventType : it->second) {
-    auto observers = eventObservers.find(eventType);
-    if (observers != eventObservers.end()) RemoveAll(observers->second, fd);
+  {
+    std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
+    auto it = fdEvents.find(fd);
+    if (it == fdEvents.end()) return;
+    for (int eventType : it->second) {
+      auto observers = eventObservers.find(eventType);
+      if (observers != eventObservers.end()) RemoveAll(observers->second, fd);
+    }
+    fdEvents.erase(it);
   }
-  fdEvents.erase(it);
+  // Nothing routed to the connection stays behind once its queue may go.
+  deliverHandedOver();
 }
 
 int EventManager::AppendEvent(char* data, unsigned size) {
   if (size < sizeof(int32_t)) return 0;  // no type to route by
-  if (EventBatch* batch = tOpenBatch) {
-    if (!batch->add(data, size)) {
+  if (BatchScope* scope = tOpenScope) {
+    if (!scope->batch_->add(data, size)) {
       // Full: what came before goes first.
-      forwardBatch(batch, false);
-      if (!batch->add(data, size)) return forwardOne(data, size);  // bigger than any batch
+      forwardBatch(scope, true);
+      if (!scope->batch_->add(data, size)) return forwardOne(data, size);  // bigger than any batch
     }
-    if (batch->full()) forwardBatch(batch, false);
+    if (scope->batch_->full()) forwardBatch(scope, true);
     return 0;
   }
   return forwardOne(data, size);
@@ -92,6 +100,8 @@ int EventManager::AppendEvent(char* data, unsigned size) {
 int EventManager::forwardOne(char* data, unsigned size) {
   int32_t eventType;
   memcpy(&eventType, data, sizeof(eventType));
+  // This thread's batches handed over earlier go first.
+  if (inFlight_.load() != 0) deliverHandedOver();
 
   std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
   auto it = eventObservers.find(eventType);
@@ -104,18 +114,14 @@ int EventManager::forwardOne(char* data, unsigned size) {
   return 0;
 }
 
-void EventManager::forwardBatch(EventBatch* batch, bool sendNow) {
+void EventManager::routeLocked(EventBatch* batch) {
   const size_t count = batch->size();
-  // Per event, the index of its type among the batch's types, and those
-  // types' subscriber lists, looked up once each.
-  uint8_t typeIndex[EventBatch::kMaxEvents];
+  // The batch's distinct types and their subscriber lists, looked up once each.
   int32_t types[EventBatch::kMaxEvents];
   const std::vector<int>* observers[EventBatch::kMaxEvents];
   size_t typeCount = 0;
-  std::vector<int>& clients = batch->clients();
-  clients.clear();
-
-  std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
+  std::vector<EventBatch::Route>& routes = batch->routes();
+  routes.clear();
   for (size_t i = 0; i < count; ++i) {
     const int32_t type = batch->typeOf(i);
     size_t t = 0;
@@ -126,33 +132,102 @@ void EventManager::forwardBatch(EventBatch* batch, bool sendNow) {
       observers[t] = it == eventObservers.end() ? nullptr : &it->second;
       ++typeCount;
       // Clients in the order their first event's subscribers are listed.
-      if (observers[t] != nullptr) {
+      if (observers[t] != nullptr && packageManagers != nullptr) {
         for (int fd : *observers[t]) {
-          if (std::find(clients.begin(), clients.end(), fd) == clients.end()) clients.push_back(fd);
+          auto known = std::find_if(routes.begin(), routes.end(),
+                                    [fd](const EventBatch::Route& route) { return route.fd == fd; });
+          // A subscriber without a queue is a broken invariant: at() ends the process.
+          if (known == routes.end()) routes.push_back({fd, &packageManagers->at(fd), 0});
         }
       }
     }
-    typeIndex[i] = static_cast<uint8_t>(t);
+    batch->setTypeSlot(i, static_cast<uint8_t>(t));
   }
-  if (!clients.empty() && packageManagers != nullptr) {
-    KavoIpcBytes bodies[EventBatch::kMaxEvents];
-    bool wanted[EventBatch::kMaxEvents];
-    for (int fd : clients) {
-      for (size_t t = 0; t < typeCount; ++t) {
-        wanted[t] = observers[t] != nullptr &&
-                    std::find(observers[t]->begin(), observers[t]->end(), fd) != observers[t]->end();
+  for (EventBatch::Route& route : routes) {
+    for (size_t t = 0; t < typeCount; ++t) {
+      if (observers[t] != nullptr &&
+          std::find(observers[t]->begin(), observers[t]->end(), route.fd) != observers[t]->end()) {
+        route.wantedSlots |= uint64_t{1} << t;
       }
-      size_t queued = 0;
-      for (size_t i = 0; i < count; ++i) {
-        if (wanted[typeIndex[i]]) bodies[queued++] = batch->bytesOf(i);
-      }
-      // A subscriber without a queue is a broken invariant: at() ends the process.
-      packageManagers->at(fd).buildAndAppendSecondIpcPackages(KAVO_IPC_RAW_EVENT, bodies, queued);
     }
-    UnixIpcManager* ipc = KavoBpfService::GetInstance()->getIpcManager();
-    for (int fd : clients) sendNow ? ipc->tryWriteDataNow(fd) : ipc->notifyNeedWriteData(fd);
+  }
+}
+
+void EventManager::deliver(const EventBatch& batch) {
+  KavoIpcBytes bodies[EventBatch::kMaxEvents];
+  for (const EventBatch::Route& route : batch.routes()) {
+    size_t queued = 0;
+    for (size_t i = 0; i < batch.size(); ++i) {
+      if ((route.wantedSlots >> batch.typeSlot(i)) & 1) bodies[queued++] = batch.bytesOf(i);
+    }
+    route.queue->buildAndAppendSecondIpcPackages(KAVO_IPC_RAW_EVENT, bodies, queued);
+  }
+}
+
+std::unique_ptr<EventBatch> EventManager::takeBatch() {
+  {
+    std::lock_guard<std::mutex> guard(handoffMutex_);
+    if (!spares_.empty()) {
+      std::unique_ptr<EventBatch> batch = std::move(spares_.back());
+      spares_.pop_back();
+      return batch;
+    }
+  }
+  return std::unique_ptr<EventBatch>(new EventBatch);
+}
+
+void EventManager::forwardBatch(BatchScope* scope, bool midDrain) {
+  EventBatch* batch = scope->batch_.get();
+  std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
+  routeLocked(batch);
+  if (batch->routes().empty()) {
+    batch->clear();
+    return;
+  }
+  UnixIpcManager* ipc = KavoBpfService::GetInstance()->getIpcManager();
+  const size_t behind = inFlight_.load();
+  if ((midDrain || behind != 0) && behind < kMaxHandedBatches) {
+    // The clients, noted before the batch leaves this thread.
+    std::vector<int>& wake = scope->wake_;
+    wake.clear();
+    for (const EventBatch::Route& route : batch->routes()) wake.push_back(route.fd);
+    // Counted before it is visible, so that the count is never below the
+    // batches waiting.
+    inFlight_.fetch_add(1);
+    {
+      std::lock_guard<std::mutex> handoff(handoffMutex_);
+      handed_.push_back(std::move(scope->batch_));
+    }
+    scope->batch_ = takeBatch();
+    for (int fd : wake) ipc->notifyNeedWriteData(fd);
+    return;
+  }
+  // Caught up, or too far behind to wait for the IPC thread: this thread delivers.
+  if (behind != 0) deliverHandedOver();
+  deliver(*batch);
+  for (const EventBatch::Route& route : batch->routes()) {
+    midDrain ? ipc->notifyNeedWriteData(route.fd) : ipc->tryWriteDataNow(route.fd);
   }
   batch->clear();
+}
+
+void EventManager::deliverHandedOver() {
+  if (inFlight_.load() == 0) return;
+  std::lock_guard<std::mutex> delivering(deliveryMutex_);
+  while (true) {
+    std::unique_ptr<EventBatch> batch;
+    {
+      std::lock_guard<std::mutex> handoff(handoffMutex_);
+      if (handed_.empty()) return;
+      batch = std::move(handed_.front());
+      handed_.pop_front();
+    }
+    deliver(*batch);
+    inFlight_.fetch_sub(1);
+    batch->clear();
+    std::lock_guard<std::mutex> handoff(handoffMutex_);
+    if (spares_.size() < kSpareBatches) spares_.push_back(std::move(batch));
+  }
 }
 
 std::vector<int> EventManager::eventsOf(int fd) {

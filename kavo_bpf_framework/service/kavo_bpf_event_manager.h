@@ -7,8 +7,9 @@
 // Subscriptions change on the IPC thread (requests, closes); events arrive on
 // the two ring monitor threads. kavoRawEventManagerLock guards the singleton
 // and both maps and is held for the whole of forwarding. Lock order inside
-// forwarding: kavoRawEventManagerLock, a queue's own mutex, then servicelock
-// briefly, then the endpoint's epoll mutex.
+// forwarding: kavoRawEventManagerLock, a connection's write lock, the
+// delivery mutex, a queue's own mutex, then servicelock briefly, then the
+// endpoint's epoll mutex; the hand-off mutex is a leaf.
 //
 // A monitor that drains many records at a time opens a BatchScope: its
 // events then wait in an EventBatch and are forwarded together, the locks
@@ -17,8 +18,20 @@
 // flushes before it waits for more. That flush sends on the monitor's own
 // thread what the sockets take without waiting, since the monitor has
 // nothing else to do then: a few events need not wake the IPC thread.
+//
+// A full batch in the middle of a drain is only routed by the monitor (which
+// clients get which of its events, decided under the lock, as always) and
+// handed over whole: the IPC thread copies it into the clients' queues when
+// it next writes to them (deliverHandedOver), so the monitor neither copies
+// each event a second time nor waits on a queue the IPC thread is draining.
+// Anything forwarded while handed batches are still undelivered goes behind
+// them, so each client's order stays that of the ring. A client
+// that unsubscribes or closes gets what was routed to it before, and nothing
+// after; when the IPC thread falls kMaxHandedBatches behind, the producer
+// delivers them itself (so a slow client costs what it did: queue trims).
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -59,8 +72,20 @@ class KAVO_EXPORT EventManager {
     void flush();
 
    private:
+    friend class EventManager;
     std::unique_ptr<EventBatch> batch_;
+    std::vector<int> wake_;  // scratch: the clients of a batch handed over
   };
+
+  // The IPC thread may be this many batches behind before a producer
+  // delivers for it.
+  static constexpr size_t kMaxHandedBatches = 32;
+
+  // Delivers the batches handed over so far into their clients' queues, in
+  // order; the IPC thread's writes call it first. Any thread; serialised.
+  void deliverHandedOver();
+  // Batches handed over and not yet delivered (a hint for tests).
+  size_t handedOver() const { return inFlight_.load(); }
 
   // The service's map of per-client queues (owned by the service).
   void setPackageManagers(std::map<int, IpcPackageManager>* managers);
@@ -74,13 +99,35 @@ class KAVO_EXPORT EventManager {
 
  private:
   EventManager() = default;
+  static constexpr size_t kSpareBatches = 4;  // kept for reuse
+
   // AppendEvent without a batch.
   int forwardOne(char* data, unsigned size);
-  // Forwards and empties |batch|: per client, the batch's events of the types
-  // it subscribed to, in batch order, in one append; then the wake-ups.
-  // |sendNow|: send on this thread what goes without waiting, rather than
-  // only waking the IPC thread.
-  void forwardBatch(EventBatch* batch, bool sendNow);
+  // Forwards and empties the scope's batch: routes it, then delivers it (per
+  // client, its events of the types it subscribed to, in batch order, in one
+  // append) and wakes the clients' writers. |midDrain|: a batch that filled
+  // up while the producer still has records to take; it is handed over to
+  // the IPC thread rather than delivered. Otherwise this thread delivers it
+  // and sends what goes without waiting, unless batches handed over earlier
+  // are still undelivered: then it goes behind them.
+  void forwardBatch(BatchScope* scope, bool midDrain);
+  // With kavoRawEventManagerLock: which clients get which of |batch|'s events.
+  void routeLocked(EventBatch* batch);
+  // Copies a routed batch into its clients' queues.
+  static void deliver(const EventBatch& batch);
+  // A spare batch, or a new one.
+  std::unique_ptr<EventBatch> takeBatch();
+
+  // Handed-over batches, oldest first, and spares; guarded by handoffMutex_,
+  // a leaf lock held only to move a batch in or out.
+  std::mutex handoffMutex_;
+  std::deque<std::unique_ptr<EventBatch>> handed_;
+  std::vector<std::unique_ptr<EventBatch>> spares_;
+  // Handed over and not yet in the queues. Rises under
+  // kavoRawEventManagerLock; falls once a batch is in its queues.
+  std::atomic<size_t> inFlight_{0};
+  // Held while delivering handed-over batches: one deliverer at a time, in order.
+  std::mutex deliveryMutex_;
 
   std::map<int, IpcPackageManager>* packageManagers = nullptr;
   std::map<int, std::vector<int>> fdEvents;

@@ -60,6 +60,8 @@ int KavoBpfService::onClientLibReadable(int fd, BufferState* readBuffer) {
 }
 
 int KavoBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
+  // Events the monitors handed over go into the queues first.
+  EventManager::GetInstance()->deliverHandedOver();
   auto it = packageManagers.find(fd);
   if (it == packageManagers.end()) return 0;
   // Whole packages back to back, until the next one does not fit: what
