@@ -68,7 +68,8 @@ class KAVO_EXPORT EventManager {
     BatchScope(const BatchScope&) = delete;
     BatchScope& operator=(const BatchScope&) = delete;
     // Forwards what the batch holds now, and sends it as far as the
-    // clients' sockets take it without waiting (see above).
+    // clients' sockets take it without waiting (see above); while batches
+    // handed over earlier are undelivered, it is handed over behind them.
     void flush();
 
    private:
