@@ -116,9 +116,8 @@ int EventManager::forwardOne(char* data, unsigned size) {
 
 void EventManager::routeLocked(EventBatch* batch) {
   const size_t count = batch->size();
-  // The batch's distinct types and their subscriber lists, looked up once each.
+  // The batch's distinct types, their subscribers looked up once each.
   int32_t types[EventBatch::kMaxEvents];
-  const std::vector<int>* observers[EventBatch::kMaxEvents];
   size_t typeCount = 0;
   std::vector<EventBatch::Route>& routes = batch->routes();
   routes.clear();
@@ -127,29 +126,23 @@ void EventManager::routeLocked(EventBatch* batch) {
     size_t t = 0;
     while (t < typeCount && types[t] != type) ++t;
     if (t == typeCount) {
+      types[typeCount++] = type;
       auto it = eventObservers.find(type);
-      types[t] = type;
-      observers[t] = it == eventObservers.end() ? nullptr : &it->second;
-      ++typeCount;
-      // Clients in the order their first event's subscribers are listed.
-      if (observers[t] != nullptr && packageManagers != nullptr) {
-        for (int fd : *observers[t]) {
-          auto known = std::find_if(routes.begin(), routes.end(),
-                                    [fd](const EventBatch::Route& route) { return route.fd == fd; });
-          // A subscriber without a queue is a broken invariant: at() ends the process.
-          if (known == routes.end()) routes.push_back({fd, &packageManagers->at(fd), 0});
+      if (it != eventObservers.end() && packageManagers != nullptr) {
+        // Clients in the order their first event's subscribers are listed.
+        for (int fd : it->second) {
+          auto route = std::find_if(routes.begin(), routes.end(),
+                                    [fd](const EventBatch::Route& known) { return known.fd == fd; });
+          if (route == routes.end()) {
+            // A subscriber without a queue is a broken invariant: at() ends the process.
+            routes.push_back({fd, &packageManagers->at(fd), 0});
+            route = routes.end() - 1;
+          }
+          route->wantedSlots |= uint64_t{1} << t;
         }
       }
     }
     batch->setTypeSlot(i, static_cast<uint8_t>(t));
-  }
-  for (EventBatch::Route& route : routes) {
-    for (size_t t = 0; t < typeCount; ++t) {
-      if (observers[t] != nullptr &&
-          std::find(observers[t]->begin(), observers[t]->end(), route.fd) != observers[t]->end()) {
-        route.wantedSlots |= uint64_t{1} << t;
-      }
-    }
   }
 }
 
