@@ -188,26 +188,40 @@ TEST(TaskEvents, ShortLivedProcessesReachEachClientInOrderAcrossBatches) {
 }
 
 // A batch that fills up in the middle of a drain goes to the clients' writer
-// whole (here the sinks' drains play the IPC thread). What the writer has
-// not taken yet still reaches each client in order and before anything
-// forwarded later; a client that unsubscribes gets what was routed to it
-// before and nothing after; a closed client's events never reach the next
-// connection on its descriptor; a writer too far behind is caught up by the
-// producer.
+// whole (here the sinks' drains play the IPC thread) when it makes no more
+// copies than it holds events. What the writer has not taken yet still
+// reaches each client in order and before anything forwarded later; a
+// client that unsubscribes gets what was routed to it before and nothing
+// after; a closed client's events never reach the next connection on its
+// descriptor; a writer too far behind, or a batch that fans out wider, makes
+// the producer deliver.
 TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
   RunInNamespace([] {
     EventManager* events = EventManager::GetInstance();
     constexpr size_t kBatch = EventBatch::kMaxEvents;
-    EventSink a({KAVO_EVENT_RSS_STAT}, 1000), b({KAVO_EVENT_RSS_STAT}, 1001);
+    // a takes the memory records, b the one fork record that ends each
+    // batch: a batch makes kBatch copies, as many as it holds.
+    EventSink a({KAVO_EVENT_RSS_STAT}, 1000), b({KAVO_EVENT_TASK_CREATE}, 1001);
     Records made;
+    size_t inBatch = 0;
     auto publish = [&](size_t count) {
-      for (size_t i = 0; i < count; ++i) {
-        auto rss = RssRecord(8000, KAVO_RSS_ANON, 4096 * static_cast<int64_t>(made.size()), made.size());
-        events->AppendEvent(reinterpret_cast<char*>(&rss), sizeof(rss));
-        made.push_back(Bytes(rss));
+      for (size_t i = 0; i < count; ++i, inBatch = (inBatch + 1) % kBatch) {
+        const uint64_t n = made.size();
+        std::string record = inBatch == kBatch - 1 ? Bytes(ForkRecord(static_cast<int>(9000 + n), 1, "fork", KAVO_TASK_PROCESS, n))
+                                                   : Bytes(RssRecord(8000, KAVO_RSS_ANON, 4096 * static_cast<int64_t>(n), n));
+        events->AppendEvent(record.data(), static_cast<unsigned>(record.size()));
+        made.push_back(record);
       }
     };
-    auto madeBetween = [&](size_t from, size_t to) { return Records(made.begin() + from, made.begin() + to); };
+    auto flush = [&](EventManager::BatchScope& scope) {
+      scope.flush();
+      inBatch = 0;
+    };
+    auto madeBetween = [&](size_t from, size_t to, int type) {
+      Records of;
+      std::copy_if(made.begin() + from, made.begin() + to, std::back_inserter(of), [type](const std::string& r) { return RecordType(r) == type; });
+      return of;
+    };
     EventManager::BatchScope scope;
     publish(kBatch - 1);
     EXPECT_EQ(0u, events->handedOver());
@@ -216,39 +230,59 @@ TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
     publish(kBatch + 1);
     EXPECT_EQ(2u, events->handedOver());
 
-    // b leaves the type with two batches undelivered: it gets them, not the
-    // event still waiting in the scope's batch, nor anything after.
-    events->DelObserverEvent(1001, KAVO_EVENT_RSS_STAT);
+    // b leaves the type with two batches undelivered: it gets their forks,
+    // not anything after.
+    events->DelObserverEvent(1001, KAVO_EVENT_TASK_CREATE);
     EXPECT_EQ(0u, events->handedOver());
-    EXPECT_TRUE(madeBetween(0, 2 * kBatch) == b.Drain());
+    EXPECT_TRUE(madeBetween(0, 2 * kBatch, KAVO_EVENT_TASK_CREATE) == b.Drain());
 
-    // A flush while batches wait goes behind them.
+    // A batch a takes one less of is handed over too; a flush while batches
+    // wait goes behind them.
     publish(kBatch - 1 + 5);
     EXPECT_EQ(1u, events->handedOver());
-    scope.flush();
+    flush(scope);
     EXPECT_EQ(2u, events->handedOver());
-    EXPECT_TRUE(made == a.Drain() && b.Drain().empty());
+    EXPECT_TRUE(madeBetween(0, made.size(), KAVO_EVENT_RSS_STAT) == a.Drain() && b.Drain().empty());
 
     // c closes with a batch routed to it undelivered; the next connection on
     // its descriptor subscribed to something else and gets none of it.
     {
-      EventSink c({KAVO_EVENT_RSS_STAT}, 1002);
+      EventSink c({KAVO_EVENT_TASK_CREATE}, 1002);
       publish(kBatch);
       EXPECT_EQ(1u, events->handedOver());
     }
     EXPECT_EQ(0u, events->handedOver());
-    EventSink next({KAVO_EVENT_TASK_CREATE}, 1002);
-    EXPECT_TRUE(next.Drain().empty());
+    EXPECT_TRUE(EventSink({KAVO_EVENT_RSS_STAT}, 1002).Drain().empty());
+    EXPECT_TRUE(madeBetween(made.size() - kBatch, made.size(), KAVO_EVENT_RSS_STAT) == a.Drain());
 
     // The writer may fall this far behind and no further: the next full
     // batch makes the producer deliver them all, then its own.
-    const size_t from = made.size() - kBatch;
+    events->AddObserverEvent(1001, KAVO_EVENT_TASK_CREATE);
+    size_t from = made.size();
     publish(kBatch * EventManager::kMaxHandedBatches);
     EXPECT_EQ(EventManager::kMaxHandedBatches, events->handedOver());
     publish(kBatch);
     EXPECT_EQ(0u, events->handedOver());
-    EXPECT_EQ(made.size() - from, KavoBpfService::GetInstance()->getClientQueueLengths()[1000]);
-    EXPECT_TRUE(madeBetween(from, made.size()) == a.Drain());
+    EXPECT_EQ(kBatch - 1 + (kBatch - 1) * EventManager::kMaxHandedBatches, KavoBpfService::GetInstance()->getClientQueueLengths()[1000]);
+    EXPECT_TRUE(madeBetween(from, made.size(), KAVO_EVENT_RSS_STAT) == a.Drain());
+    EXPECT_TRUE(madeBetween(from, made.size(), KAVO_EVENT_TASK_CREATE) == b.Drain());
+
+    // With a taking the forks too, a batch makes one copy more than it
+    // holds: the producer delivers it, after the batch still waiting.
+    from = made.size();
+    publish(kBatch);
+    EXPECT_EQ(1u, events->handedOver());
+    events->AddObserverEvent(1000, KAVO_EVENT_TASK_CREATE);
+    publish(kBatch);
+    EXPECT_EQ(0u, events->handedOver());
+    EXPECT_EQ(2 * kBatch - 1, KavoBpfService::GetInstance()->getClientQueueLengths()[1000]);
+    Records expected = madeBetween(from, from + kBatch, KAVO_EVENT_RSS_STAT);
+    expected.insert(expected.end(), made.begin() + from + kBatch, made.end());
+    EXPECT_TRUE(expected == a.Drain());
+    EXPECT_TRUE(madeBetween(from, made.size(), KAVO_EVENT_TASK_CREATE) == b.Drain());
+    publish(kBatch);
+    EXPECT_EQ(0u, events->handedOver());
+    EXPECT_EQ(kBatch, a.Drain().size());
   });
 }
 

@@ -114,10 +114,11 @@ int EventManager::forwardOne(char* data, unsigned size) {
   return 0;
 }
 
-void EventManager::routeLocked(EventBatch* batch) {
+size_t EventManager::routeLocked(EventBatch* batch) {
   const size_t count = batch->size();
   // The batch's distinct types, their subscribers looked up once each.
   int32_t types[EventBatch::kMaxEvents];
+  uint8_t ofType[EventBatch::kMaxEvents];  // events per type slot
   size_t typeCount = 0;
   std::vector<EventBatch::Route>& routes = batch->routes();
   routes.clear();
@@ -127,6 +128,7 @@ void EventManager::routeLocked(EventBatch* batch) {
     while (t < typeCount && types[t] != type) ++t;
     if (t == typeCount) {
       types[typeCount++] = type;
+      ofType[t] = 0;
       auto it = eventObservers.find(type);
       if (it != eventObservers.end() && packageManagers != nullptr) {
         // Clients in the order their first event's subscribers are listed.
@@ -143,7 +145,13 @@ void EventManager::routeLocked(EventBatch* batch) {
       }
     }
     batch->setTypeSlot(i, static_cast<uint8_t>(t));
+    ++ofType[t];
   }
+  size_t copies = 0;
+  for (const EventBatch::Route& route : routes) {
+    for (uint64_t wanted = route.wantedSlots; wanted != 0; wanted &= wanted - 1) copies += ofType[__builtin_ctzll(wanted)];
+  }
+  return copies;
 }
 
 void EventManager::deliver(const EventBatch& batch) {
@@ -171,15 +179,30 @@ std::unique_ptr<EventBatch> EventManager::takeBatch() {
 
 void EventManager::forwardBatch(BatchScope* scope, bool midDrain) {
   EventBatch* batch = scope->batch_.get();
-  std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
-  routeLocked(batch);
-  if (batch->routes().empty()) {
-    batch->clear();
-    return;
-  }
   UnixIpcManager* ipc = KavoBpfService::GetInstance()->getIpcManager();
-  const size_t behind = inFlight_.load();
-  if ((midDrain || behind != 0) && behind < kMaxHandedBatches) {
+  bool catchUp = false;
+  {
+    std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
+    const size_t copies = routeLocked(batch);
+    if (batch->routes().empty()) {
+      batch->clear();
+      return;
+    }
+    const size_t behind = inFlight_.load();
+    // The IPC thread takes over at most the copying of one client's whole
+    // batch: copying a batch that fans out wider would hold up its answers
+    // and writes to every client.
+    const bool narrow = copies <= EventBatch::kMaxEvents;
+    if (behind == 0 && !(midDrain && narrow)) {
+      // Nothing waits before it: this thread delivers. The drain's last
+      // events are sent as far as the sockets take them without waiting.
+      deliver(*batch);
+      for (const EventBatch::Route& route : batch->routes()) {
+        midDrain ? ipc->notifyNeedWriteData(route.fd) : ipc->tryWriteDataNow(route.fd);
+      }
+      batch->clear();
+      return;
+    }
     // The clients, noted before the batch leaves this thread.
     std::vector<int>& wake = scope->wake_;
     wake.clear();
@@ -193,15 +216,12 @@ void EventManager::forwardBatch(BatchScope* scope, bool midDrain) {
     }
     scope->batch_ = takeBatch();
     for (int fd : wake) ipc->notifyNeedWriteData(fd);
-    return;
+    catchUp = behind >= kMaxHandedBatches || !narrow;
   }
-  // Caught up, or too far behind to wait for the IPC thread: this thread delivers.
-  if (behind != 0) deliverHandedOver();
-  deliver(*batch);
-  for (const EventBatch::Route& route : batch->routes()) {
-    midDrain ? ipc->notifyNeedWriteData(route.fd) : ipc->tryWriteDataNow(route.fd);
-  }
-  batch->clear();
+  // Too far behind to wait for the IPC thread, or too wide for it: this
+  // thread delivers what waits, its own batch last. Outside the lock, so
+  // that the IPC thread can still take requests meanwhile.
+  if (catchUp) deliverHandedOver();
 }
 
 void EventManager::deliverHandedOver() {

@@ -20,15 +20,17 @@
 // nothing else to do then: a few events need not wake the IPC thread.
 //
 // A full batch in the middle of a drain is only routed by the monitor (which
-// clients get which of its events, decided under the lock, as always) and
-// handed over whole: the IPC thread copies it into the clients' queues when
+// clients get which of its events, decided under the lock, as always) and,
+// when it makes no more copies than one client taking all of it, handed
+// over whole: the IPC thread copies it into the clients' queues when
 // it next writes to them (deliverHandedOver), so the monitor neither copies
 // each event a second time nor waits on a queue the IPC thread is draining.
 // Anything forwarded while handed batches are still undelivered goes behind
 // them, so each client's order stays that of the ring. A client
 // that unsubscribes or closes gets what was routed to it before, and nothing
-// after; when the IPC thread falls kMaxHandedBatches behind, the producer
-// delivers them itself (so a slow client costs what it did: queue trims).
+// after; when the IPC thread falls kMaxHandedBatches behind, or a wider
+// batch comes, the producer delivers them itself (so a slow client costs
+// what it did: queue trims).
 
 #include <atomic>
 #include <deque>
@@ -108,12 +110,14 @@ class KAVO_EXPORT EventManager {
   // client, its events of the types it subscribed to, in batch order, in one
   // append) and wakes the clients' writers. |midDrain|: a batch that filled
   // up while the producer still has records to take; it is handed over to
-  // the IPC thread rather than delivered. Otherwise this thread delivers it
-  // and sends what goes without waiting, unless batches handed over earlier
-  // are still undelivered: then it goes behind them.
+  // the IPC thread rather than delivered, unless it makes more copies than a
+  // batch holds events. Otherwise this thread delivers it and sends what
+  // goes without waiting, unless batches handed over earlier are still
+  // undelivered: then it goes behind them.
   void forwardBatch(BatchScope* scope, bool midDrain);
-  // With kavoRawEventManagerLock: which clients get which of |batch|'s events.
-  void routeLocked(EventBatch* batch);
+  // With kavoRawEventManagerLock: which clients get which of |batch|'s
+  // events. Returns the copies that makes, summed over the clients.
+  size_t routeLocked(EventBatch* batch);
   // Copies a routed batch into its clients' queues.
   static void deliver(const EventBatch& batch);
   // A spare batch, or a new one.
