@@ -101,7 +101,7 @@ int EventManager::forwardOne(char* data, unsigned size) {
   int32_t eventType;
   memcpy(&eventType, data, sizeof(eventType));
   // This thread's batches handed over earlier go first.
-  if (inFlight_.load() != 0) deliverHandedOver();
+  deliverHandedOver();
 
   std::lock_guard<std::mutex> guard(kavoRawEventManagerLock);
   auto it = eventObservers.find(eventType);
