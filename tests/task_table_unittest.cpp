@@ -213,10 +213,6 @@ TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
         made.push_back(record);
       }
     };
-    auto flush = [&](EventManager::BatchScope& scope) {
-      scope.flush();
-      inBatch = 0;
-    };
     auto madeBetween = [&](size_t from, size_t to, int type) {
       Records of;
       std::copy_if(made.begin() + from, made.begin() + to, std::back_inserter(of), [type](const std::string& r) { return RecordType(r) == type; });
@@ -240,7 +236,8 @@ TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
     // wait goes behind them.
     publish(kBatch - 1 + 5);
     EXPECT_EQ(1u, events->handedOver());
-    flush(scope);
+    scope.flush();
+    inBatch = 0;
     EXPECT_EQ(2u, events->handedOver());
     EXPECT_TRUE(madeBetween(0, made.size(), KAVO_EVENT_RSS_STAT) == a.Drain() && b.Drain().empty());
 
