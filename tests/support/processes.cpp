@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,26 @@ std::set<pid_t> LivePids() {
     return Kavo::Bpf::LineAction::kContinue;
   });
   return pids;
+}
+
+std::optional<bool> ThreadWaitsInEpoll(pid_t pid, const std::string& threadName) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
+  std::optional<bool> waits;
+  Kavo::Bpf::ForEachDirEntry(tasks.c_str(), [&](const char* tid) {
+    if (!Kavo::Bpf::IsDigits(tid) || ReadFile(tasks + tid + "/comm") != threadName + "\n") return Kavo::Bpf::LineAction::kContinue;
+    // "<number> <arguments...>" while blocked in a system call, "running" otherwise.
+    const long call = atol(ReadFile(tasks + tid + "/syscall").c_str());
+    waits = call == SYS_epoll_pwait
+#ifdef SYS_epoll_wait
+            || call == SYS_epoll_wait
+#endif
+#ifdef SYS_epoll_pwait2
+            || call == SYS_epoll_pwait2
+#endif
+        ;
+    return Kavo::Bpf::LineAction::kStop;
+  });
+  return waits;
 }
 
 std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -31,6 +32,9 @@ struct CommandResult {
 long long StatusKb(pid_t pid, const std::string& key);
 // Entries of /proc/<pid>/fd.
 size_t OpenDescriptors(pid_t pid);
+// Whether the thread of |pid| named |threadName| is blocked waiting for
+// events in epoll; nullopt without such a thread.
+std::optional<bool> ThreadWaitsInEpoll(pid_t pid, const std::string& threadName);
 // Processes alive now: the numeric entries of /proc that are not zombies
 // (a zombie has exited; only its parent has not reaped it yet).
 std::set<pid_t> LivePids();

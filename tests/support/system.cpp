@@ -49,19 +49,32 @@ bool KavoSystem::StartDaemon(std::string* why) {
     *why = "kavobpfd never served a client: " + Output();
     return false;
   }
-  // The programs are attached and both rings polled once a process forked
-  // now is reported.
-  while (std::chrono::steady_clock::now() < deadline) {
+  // The programs are attached and ring 0 polled once a process forked now is
+  // reported.
+  bool reported = false;
+  while (!reported && std::chrono::steady_clock::now() < deadline) {
     const pid_t probe = ForkAndReap();
     const auto probeDeadline = std::chrono::steady_clock::now() + 200ms;
     while (auto event = client.NextEvent(std::chrono::duration_cast<std::chrono::milliseconds>(
                probeDeadline - std::chrono::steady_clock::now()))) {
       auto* exited = event->as<kavo_process_exited_event>();
-      if (exited != nullptr && exited->pid == probe) return true;
+      if (exited != nullptr && exited->pid == probe) {
+        reported = true;
+        break;
+      }
     }
   }
-  *why = "no kernel event reached a client: " + Output();
-  return false;
+  if (!reported) {
+    *why = "no kernel event reached a client: " + Output();
+    return false;
+  }
+  // Ring 1's thread may still be attaching its programs or seeding the
+  // dma-buf maps from /proc (slow under a sanitizer on a busy machine): the
+  // daemon has settled once it waits in its poll, or has ended, so that tests
+  // counting the daemon's descriptors or memory start from where it stays.
+  WaitUntil([this] { return ThreadWaitsInEpoll(daemon_->pid(), "BpfServicePGpl").value_or(true); },
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()));
+  return true;
 }
 
 void KavoSystem::Kill(int sig) {
