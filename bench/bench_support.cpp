@@ -18,6 +18,7 @@
 
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
 #include "utils/kavo_bpf_helper.h"
 #include "support/kernel.h"
@@ -164,17 +165,12 @@ uint64_t StatusField(const std::string& path, const char* label) {
 
 std::map<int, ThreadWakeups> WakeupsByThread(pid_t pid) {
   std::map<int, ThreadWakeups> threads;
-  const std::string dir = "/proc/" + std::to_string(pid) + "/task";
-  Kavo::Bpf::ForEachDirEntry(dir.c_str(), [&](const char* tid) {
-    if (!Kavo::Bpf::IsDigits(tid)) return Kavo::Bpf::LineAction::kContinue;
-    ThreadWakeups& thread = threads[atoi(tid)];
-    thread.voluntary = StatusField(dir + "/" + tid + "/status", "voluntary_ctxt_switches:");
-    Kavo::Bpf::ForEachLine((dir + "/" + tid + "/comm").c_str(), [&](std::string_view line) {
-      thread.name = std::string(line);
-      return Kavo::Bpf::LineAction::kStop;
-    });
-    return Kavo::Bpf::LineAction::kContinue;
-  });
+  const std::string dir = "/proc/" + std::to_string(pid) + "/task/";
+  for (const auto& [tid, name] : kavo::test::ThreadsOf(pid)) {
+    ThreadWakeups& thread = threads[tid];
+    thread.name = name;
+    thread.voluntary = StatusField(dir + std::to_string(tid) + "/status", "voluntary_ctxt_switches:");
+  }
   return threads;
 }
 

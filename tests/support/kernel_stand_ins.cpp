@@ -12,6 +12,7 @@
 
 #include "support/harness.h"
 #include "support/namespaces.h"
+#include "support/processes.h"
 #include "utils/kavo_bpf_file.h"
 
 namespace kavo::test {
@@ -161,13 +162,7 @@ bool PinUnattachableTracingProgram(const std::string& path, std::string* why) {
 
 std::string ThreadNames() {
   std::string names;
-  Kavo::Bpf::ForEachDirEntry("/proc/self/task", [&names](const char* tid) {
-    if (tid[0] == '.') return Kavo::Bpf::LineAction::kContinue;
-    std::string comm = ReadFile(std::string("/proc/self/task/") + tid + "/comm");
-    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-    names += comm + ",";
-    return Kavo::Bpf::LineAction::kContinue;
-  });
+  for (const auto& thread : ThreadsOf(0)) names += thread.second + ",";
   return names;
 }
 

@@ -35,24 +35,35 @@ std::set<pid_t> LivePids() {
   return pids;
 }
 
-std::optional<bool> ThreadWaitsInEpoll(pid_t pid, const std::string& threadName) {
-  const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
-  std::optional<bool> waits;
+std::map<pid_t, std::string> ThreadsOf(pid_t pid) {
+  const std::string tasks = (pid == 0 ? std::string("/proc/self") : "/proc/" + std::to_string(pid)) + "/task/";
+  std::map<pid_t, std::string> threads;
   Kavo::Bpf::ForEachDirEntry(tasks.c_str(), [&](const char* tid) {
-    if (!Kavo::Bpf::IsDigits(tid) || ReadFile(tasks + tid + "/comm") != threadName + "\n") return Kavo::Bpf::LineAction::kContinue;
+    if (!Kavo::Bpf::IsDigits(tid)) return Kavo::Bpf::LineAction::kContinue;
+    std::string name = ReadFile(tasks + tid + "/comm");
+    if (!name.empty() && name.back() == '\n') name.pop_back();
+    threads[atoi(tid)] = std::move(name);
+    return Kavo::Bpf::LineAction::kContinue;
+  });
+  return threads;
+}
+
+std::optional<bool> ThreadWaitsInEpoll(pid_t pid, const std::string& threadName) {
+  for (const auto& [tid, name] : ThreadsOf(pid)) {
+    if (name != threadName) continue;
     // "<number> <arguments...>" while blocked in a system call, "running" otherwise.
-    const long call = atol(ReadFile(tasks + tid + "/syscall").c_str());
-    waits = call == SYS_epoll_pwait
+    const std::string syscall = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/syscall";
+    const long call = atol(ReadFile(syscall).c_str());
+    return call == SYS_epoll_pwait
 #ifdef SYS_epoll_wait
-            || call == SYS_epoll_wait
+           || call == SYS_epoll_wait
 #endif
 #ifdef SYS_epoll_pwait2
-            || call == SYS_epoll_pwait2
+           || call == SYS_epoll_pwait2
 #endif
         ;
-    return Kavo::Bpf::LineAction::kStop;
-  });
-  return waits;
+  }
+  return std::nullopt;
 }
 
 std::string ToolPath(const std::string& name) { return std::string(KAVO_TOOLS_DIR) + "/" + name; }

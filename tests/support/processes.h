@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -32,6 +33,8 @@ struct CommandResult {
 long long StatusKb(pid_t pid, const std::string& key);
 // Entries of /proc/<pid>/fd.
 size_t OpenDescriptors(pid_t pid);
+// The threads of |pid| (0: this process): thread id -> name, as in its comm.
+std::map<pid_t, std::string> ThreadsOf(pid_t pid);
 // Whether the thread of |pid| named |threadName| is blocked waiting for
 // events in epoll; nullopt without such a thread.
 std::optional<bool> ThreadWaitsInEpoll(pid_t pid, const std::string& threadName);
