@@ -488,14 +488,16 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
 
     // Lingering after that burst: never after an empty poll; still awake
     // during the pause, so a record made then wakes nobody and the look after
-    // it takes it; a pause that found nothing is skipped after the next
-    // burst; records already waiting are taken without a pause.
+    // it takes it; pausing again while pauses find records; after a wake-up
+    // whose first pause found nothing, only every fourth wake-up pauses;
+    // records already waiting are taken without a pause.
     EXPECT_FALSE(wakeup.lingerAfter(0));
     wakeup.onRecord();  // as the monitor's sample callback does
     do ring_buffer__consume(consumer);
     while (epoll_wait(epollFd, &event, 1, 0) > 0);
     *word = 1;  // a lease that ran out while the consumer kept busy
     wakeup.renew();
+    EXPECT_TRUE(wakeup.lingerAfter(1)) << "the first pause after a wake-up";
     const pid_t duringPause = kavo::test::ForkAndReap();
     EXPECT_EQ(0, epoll_wait(epollFd, &event, 1, 50)) << "a record made during the pause woke the consumer";
     const int found = ring_buffer__consume(consumer);
@@ -504,10 +506,28 @@ TEST(RingMonitor, ProducersWakeAWaitingConsumerButNotOneThatIsAwake) {
     ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, false));
     ring_buffer__consume(consumer);
     wakeup.lingered(found);
-    EXPECT_TRUE(wakeup.lingerAfter(1)) << "a pause that paid is tried again";
+    EXPECT_TRUE(wakeup.lingerAfter(1)) << "a pause that paid is followed by another";
     wakeup.lingered(0);
-    EXPECT_FALSE(wakeup.lingerAfter(1)) << "a pause that found nothing is repeated at once";
-    EXPECT_TRUE(wakeup.lingerAfter(1)) << "one burst without a pause, then pauses again";
+    // The monitor then waits; each wake-up below takes one record.
+    auto wakeUpAndPause = [&] {
+      EXPECT_FALSE(wakeup.beforeWait());
+      return wakeup.lingerAfter(1);
+    };
+    EXPECT_TRUE(wakeUpAndPause()) << "the last wake-up's first pause paid";
+    wakeup.lingered(0);
+    for (int skipped = 1; skipped < Kavo::Bpf::RingWakeup::kProbeEvery; ++skipped) {
+      EXPECT_FALSE(wakeUpAndPause()) << "wake-up " << skipped << " after a first pause that found nothing";
+    }
+    EXPECT_TRUE(wakeUpAndPause()) << "every fourth wake-up tries a pause again";
+    wakeup.lingered(0);
+    EXPECT_FALSE(wakeUpAndPause()) << "a try that found nothing starts the count again";
+    for (int skipped = 2; skipped < Kavo::Bpf::RingWakeup::kProbeEvery; ++skipped) EXPECT_FALSE(wakeUpAndPause());
+    EXPECT_TRUE(wakeUpAndPause());
+    wakeup.lingered(1);
+    EXPECT_TRUE(wakeUpAndPause()) << "a try that paid: every wake-up pauses again";
+    wakeup.lingered(1);
+    EXPECT_TRUE(wakeup.lingerAfter(1)) << "pauses go on while they find records";
+    wakeup.lingered(0);
     ASSERT_TRUE(KavoBpfService::GetInstance()->enableCoreBpf(0, true));
     kavo::test::ForkAndReap();
     EXPECT_FALSE(wakeup.lingerAfter(1)) << "records waiting are taken before any pause";

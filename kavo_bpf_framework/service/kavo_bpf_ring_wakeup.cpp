@@ -52,6 +52,7 @@ bool RingWakeup::map(const std::string& consumerPath, int ringFd) {
 
 bool RingWakeup::beforeWait() {
   awake_ = false;
+  sinceWait_ = true;
   if (word_ == nullptr) return false;
   __atomic_store_n(word_, 0, __ATOMIC_SEQ_CST);
   return recordsWaiting();

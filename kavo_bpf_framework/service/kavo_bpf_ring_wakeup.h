@@ -19,10 +19,13 @@
 // "awake", pauses for kLingerNs without the CPU and takes what came meanwhile
 // before it says "waiting": a fork storm's records then come without
 // wake-ups. It pauses only once it has caught up: at high rates, where the
-// records are there already, a pause would only add a timer interrupt. A
-// pause that found nothing is not repeated after the next burst, so records
-// that come one at a time pay a timer wake-up for at most every other one,
-// and an idle consumer pays none:
+// records are there already, a pause would only add a timer interrupt. It
+// keeps pausing while each pause finds records. Whether it pauses at all
+// after a wake-up depends on what the first pause after the last one found:
+// a burst that brings more records soon after its first (a fork, then the
+// child's page faults and exit) keeps being followed, one wake-up a burst;
+// records that come one at a time find every first pause empty, so only one
+// wake-up in kProbeEvery tries a pause again, and an idle consumer pays none:
 //
 //   wakeup.renew();
 //   if (wakeup.lingerAfter(n)) { pause; m = consume; wakeup.lingered(m); }
@@ -53,6 +56,9 @@ class RingWakeup {
   // watched fork storm fastest, and it adds little to a record's way to its
   // reader.
   static constexpr uint64_t kLingerNs = 20000;  // 20 us
+  // After a wake-up whose first pause found nothing, one wake-up in this
+  // many pauses again.
+  static constexpr int kProbeEvery = 4;
 
   RingWakeup() = default;
   ~RingWakeup();
@@ -78,18 +84,23 @@ class RingWakeup {
   // Whether to pause and look again after a poll call that took |handled|
   // records, instead of saying "waiting": only when the consumer has caught
   // up (records already there are taken at once), never after an empty
-  // call, never without a word, and not right after a pause that found
-  // nothing.
+  // call, never without a word; after a pause that found records always,
+  // and as the first pause after a wake-up only when the last such pause
+  // found records, or on every kProbeEvery-th wake-up after it did not.
   bool lingerAfter(int handled) {
     if (handled <= 0 || word_ == nullptr || recordsWaiting()) return false;
-    if (!lastLingerFound_) {
-      lastLingerFound_ = true;  // the one after this burst is tried again
-      return false;
-    }
+    if (!sinceWait_) return true;
+    if (!firstPauseFound_ && ++unpausedWakeups_ < kProbeEvery) return false;
+    unpausedWakeups_ = 0;
+    firstPause_ = true;
     return true;
   }
   // What the look after a pause took.
-  void lingered(int found) { lastLingerFound_ = found > 0; }
+  void lingered(int found) {
+    if (firstPause_) firstPauseFound_ = found > 0;
+    firstPause_ = false;
+    sinceWait_ = false;
+  }
   // For each record taken: the first after beforeWait() says "awake".
   void onRecord() {
     if (!awake_ && word_ != nullptr) markAwake();
@@ -102,7 +113,10 @@ class RingWakeup {
   const volatile uint64_t* positions_ = nullptr;  // consumer page, then producer page
   size_t pageSize_ = 0;
   bool awake_ = false;
-  bool lastLingerFound_ = true;
+  bool sinceWait_ = true;        // no pause since the last beforeWait()
+  bool firstPause_ = false;      // the pause under way is the first after a wait
+  bool firstPauseFound_ = true;  // what the last such first pause found
+  int unpausedWakeups_ = 0;      // wake-ups since then that did not pause
 };
 
 }  // namespace Kavo::Bpf
