@@ -92,13 +92,11 @@ class RingWakeup {
     if (!sinceWait_) return true;
     if (!firstPauseFound_ && ++unpausedWakeups_ < kProbeEvery) return false;
     unpausedWakeups_ = 0;
-    firstPause_ = true;
     return true;
   }
   // What the look after a pause took.
   void lingered(int found) {
-    if (firstPause_) firstPauseFound_ = found > 0;
-    firstPause_ = false;
+    if (sinceWait_) firstPauseFound_ = found > 0;  // it was the first since the wait
     sinceWait_ = false;
   }
   // For each record taken: the first after beforeWait() says "awake".
@@ -114,8 +112,7 @@ class RingWakeup {
   size_t pageSize_ = 0;
   bool awake_ = false;
   bool sinceWait_ = true;        // no pause since the last beforeWait()
-  bool firstPause_ = false;      // the pause under way is the first after a wait
-  bool firstPauseFound_ = true;  // what the last such first pause found
+  bool firstPauseFound_ = true;  // what the last first pause after a wait found
   int unpausedWakeups_ = 0;      // wake-ups since then that did not pause
 };
 
