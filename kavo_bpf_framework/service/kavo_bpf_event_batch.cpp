@@ -17,4 +17,13 @@ bool EventBatch::add(const char* data, unsigned size) {
   return true;
 }
 
+void EventBatch::copyFrom(const EventBatch& other) {
+  memcpy(bytes_, other.bytes_, other.used_);
+  memcpy(events_, other.events_, other.count_ * sizeof(Event));
+  memcpy(slots_, other.slots_, other.count_);
+  count_ = other.count_;
+  used_ = other.used_;
+  routes_ = other.routes_;
+}
+
 }  // namespace Kavo::Bpf

@@ -50,6 +50,8 @@ class EventBatch {
   };
   std::vector<Route>& routes() { return routes_; }
   const std::vector<Route>& routes() const { return routes_; }
+  // Becomes a copy of |other|: its events, their type slots and its routes.
+  void copyFrom(const EventBatch& other);
   // Per event, the index of its type among the batch's distinct types.
   uint8_t typeSlot(size_t i) const { return slots_[i]; }
   void setTypeSlot(size_t i, uint8_t slot) { slots_[i] = slot; }

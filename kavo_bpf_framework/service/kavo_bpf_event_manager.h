@@ -24,7 +24,9 @@
 // when it makes no more copies than one client taking all of it, handed
 // over whole: the IPC thread copies it into the clients' queues when
 // it next writes to them (deliverHandedOver), so the monitor neither copies
-// each event a second time nor waits on a queue the IPC thread is draining.
+// each event into each queue nor waits on a queue the IPC thread is
+// draining. What goes over is a copy of the batch, made in one sweep; the
+// batch the monitor fills stays its own (see forwardBatch).
 // Anything forwarded while handed batches are still undelivered goes behind
 // them, so each client's order stays that of the ring. A client
 // that unsubscribes or closes gets what was routed to it before, and nothing
