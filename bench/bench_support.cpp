@@ -15,6 +15,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "bpf/kavo_bpf_records.h"
 #include "service/kavo_bpf_service.h"
@@ -217,6 +220,86 @@ Schedstat ThreadSchedstat(pid_t tid) {
 }
 
 uint64_t ThreadCpuNs(pid_t tid) { return ThreadSchedstat(tid).runNs; }
+
+namespace {
+
+constexpr int kProbeSteps = 400000;
+constexpr int kProbeRoundTrips = 20000;
+
+uint64_t ThreadCpuNsNow() {
+  struct timespec ts;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+void PinTo(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  sched_setaffinity(0, sizeof(set), &set);
+}
+
+// One thread per CPU of |cpus|, all at once; each CPU's time per step.
+std::vector<double> StepNsOn(std::initializer_list<int> cpus) {
+  std::vector<double> ns(cpus.size());
+  std::vector<std::thread> probes;
+  size_t slot = 0;
+  for (int cpu : cpus) {
+    probes.emplace_back([cpu, out = &ns[slot++]] {
+      PinTo(cpu);
+      uint64_t x = 1;
+      const uint64_t start = ThreadCpuNsNow();
+      for (int i = 0; i < kProbeSteps; ++i) {
+        x = x * 6364136223846793005ull + 1442695040888963407ull;
+        asm volatile("" : "+r"(x));
+      }
+      *out = static_cast<double>(ThreadCpuNsNow() - start) / kProbeSteps;
+    });
+  }
+  for (std::thread& probe : probes) probe.join();
+  return ns;
+}
+
+double LineRoundTripNs() {
+  alignas(64) std::atomic<int> line{0};
+  std::thread echo([&line] {
+    PinTo(1);
+    for (int i = 0; i < kProbeRoundTrips; ++i) {
+      while (line.load(std::memory_order_acquire) != 2 * i + 1) {
+      }
+      line.store(2 * i + 2, std::memory_order_release);
+    }
+  });
+  double ns = 0;
+  std::thread ask([&line, &ns] {
+    PinTo(0);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kProbeRoundTrips; ++i) {
+      line.store(2 * i + 1, std::memory_order_release);
+      while (line.load(std::memory_order_acquire) != 2 * i + 2) {
+      }
+    }
+    ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() /
+         kProbeRoundTrips;
+  });
+  ask.join();
+  echo.join();
+  return ns;
+}
+
+}  // namespace
+
+CpuSpeed ProbeCpuSpeed() {
+  CpuSpeed speed;
+  const int cpus = std::min(2, static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
+  for (int cpu = 0; cpu < cpus; ++cpu) speed.stepNs[cpu] = StepNsOn({cpu})[0];
+  if (cpus == 2) {
+    const std::vector<double> together = StepNsOn({0, 1});
+    speed.togetherStepNs = std::max(together[0], together[1]);
+    speed.lineRoundTripNs = LineRoundTripNs();
+  }
+  return speed;
+}
 
 double Median(std::vector<double>* values) {
   if (values->empty()) return 0;

@@ -90,4 +90,21 @@ struct Schedstat {
 };
 Schedstat ThreadSchedstat(pid_t tid);
 
+// How fast the CPUs are at this moment. On a virtual machine the host moves
+// the vCPUs between cores that share a cache and cores that do not, and may
+// run two of them on one core's two hardware threads: a drain's figures are
+// read against these. |stepNs| for CPUs 0 and 1 alone, |togetherStepNs| the
+// slower of the two while both run at once: one step of a chain of dependent
+// multiply-adds, by the thread's own CPU time (core speed, no memory).
+// |lineRoundTripNs|: a cache line handed from CPU 0 to CPU 1 and back. The
+// two-CPU figures are 0 with one CPU. Plain data: a drain's child process
+// sends it through a pipe.
+struct CpuSpeed {
+  double stepNs[2] = {};
+  double togetherStepNs = 0;
+  double lineRoundTripNs = 0;
+  double slowestStepNs() const { return stepNs[0] > stepNs[1] ? stepNs[0] : stepNs[1]; }
+};
+CpuSpeed ProbeCpuSpeed();
+
 }  // namespace kavo::bench

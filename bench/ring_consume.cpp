@@ -134,8 +134,15 @@ struct Drain {
   // waiting for one (another thread had it).
   uint64_t monitorRunNs = 0;
   uint64_t monitorWaitNs = 0;
+  // Every other thread of the process on a CPU meanwhile: the IPC thread, the
+  // client, and this benchmark's look at the ring's positions.
+  uint64_t othersRunNs = 0;
+  // The CPUs just before the monitor started and once the drain was over.
+  CpuSpeed before;
+  CpuSpeed after;
   double perSecond() const { return seconds > 0 ? static_cast<double>(records) / seconds : 0; }
   double runNsPerRecord() const { return records > 0 ? static_cast<double>(monitorRunNs) / static_cast<double>(records) : 0; }
+  double othersNsPerRecord() const { return records > 0 ? static_cast<double>(othersRunNs) / static_cast<double>(records) : 0; }
   double waitedShare() const { return seconds > 0 ? static_cast<double>(monitorWaitNs) / 1e9 / seconds : 0; }
 };
 
@@ -167,6 +174,7 @@ Drain DrainThroughMonitor(KavoBpfService* service, AfterDrain afterDrain) {
   uint64_t end = view.producerPos();
   Drain drain;
   drain.records = view.recordsBetween(begin, end);
+  drain.before = ProbeCpuSpeed();
   std::atomic<pid_t> monitorTid{0};
   std::thread monitor([service, &monitorTid] {
     monitorTid = gettid();
@@ -176,13 +184,18 @@ Drain DrainThroughMonitor(KavoBpfService* service, AfterDrain afterDrain) {
   const uint64_t first = view.consumerPos();
   auto start = Clock::now();
   const Schedstat before = ThreadSchedstat(monitorTid);
+  const uint64_t processBefore = ProcessCpuNs(getpid());
   while (view.consumerPos() < end) Nap();
   drain.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   const Schedstat after = ThreadSchedstat(monitorTid);
+  const uint64_t processAfter = ProcessCpuNs(getpid());
   drain.monitorRunNs = after.runNs - before.runNs;
   drain.monitorWaitNs = after.waitNs - before.waitNs;
+  const uint64_t processRunNs = processAfter - processBefore;
+  drain.othersRunNs = processRunNs > drain.monitorRunNs ? processRunNs - drain.monitorRunNs : 0;
   drain.records -= view.recordsBetween(begin, first);  // taken before the clock started
   afterDrain(&drain);
+  drain.after = ProbeCpuSpeed();
   service->stop();
   monitor.join();
   return drain;
@@ -234,6 +247,13 @@ Drain DrainInChild(bool withClient) {
   return drain;
 }
 
+std::string Describe(const CpuSpeed& speed) {
+  char text[64];
+  snprintf(text, sizeof(text), "%.2f/%.2f/%.0f ns", speed.slowestStepNs(), speed.togetherStepNs,
+           speed.lineRoundTripNs);
+  return text;
+}
+
 double MedianOf(const std::vector<double>& values) {
   std::vector<double> copy = values;
   return Median(&copy);
@@ -274,14 +294,20 @@ int main(int argc, char** argv) {
   // The monitor's own CPU time per record and share of the drain spent
   // waiting for a CPU, without and with the client.
   std::vector<double> runNs, waited, runNsClient, waitedClient;
+  // The rest of the process's CPU time per record with the client, and the
+  // line round trips measured around both drains.
+  std::vector<double> othersNsClient, roundTrips;
   uint64_t records = 0;
   for (int round = 1; round <= rounds; ++round) {
     MakeBacklog(forks);
     Drain bare = DrainBare();
-    MakeBacklog(forks);
-    Drain monitor = DrainInChild(false);
-    MakeBacklog(forks);
-    Drain withClient = DrainInChild(true);
+    // The two drains take turns going first, so that whatever follows a
+    // drain (the child's exit, the machine settling) falls on both alike.
+    Drain monitor, withClient;
+    for (bool clientTurn : {round % 2 == 0, round % 2 != 0}) {
+      MakeBacklog(forks);
+      (clientTurn ? withClient : monitor) = DrainInChild(clientTurn);
+    }
     records = monitor.records;
     bareRates.push_back(bare.perSecond());
     monitorRates.push_back(monitor.perSecond());
@@ -297,28 +323,40 @@ int main(int argc, char** argv) {
     waited.push_back(monitor.waitedShare());
     runNsClient.push_back(withClient.runNsPerRecord());
     waitedClient.push_back(withClient.waitedShare());
+    othersNsClient.push_back(withClient.othersNsPerRecord());
+    for (const Drain* drain : {&monitor, &withClient}) {
+      roundTrips.push_back(drain->before.lineRoundTripNs);
+      roundTrips.push_back(drain->after.lineRoundTripNs);
+    }
     printf("%-6d %12llu %14.0f %14.0f %14.0f %10.3f %10.3f %12.3f %9.1f %9.3f %9.1f %9.3f\n", round,
            static_cast<unsigned long long>(monitor.records), bare.perSecond(), monitor.perSecond(),
            withClient.perSecond(), monitorToBare.back(), clientToMonitor.back(), delivered.back(), runNs.back(),
            waited.back(), runNsClient.back(), waitedClient.back());
+    printf("       other threads %.1f ns a record without the client, %.1f with it; CPUs before -> after, one "
+           "step alone / both at once / line round trip: without client %s -> %s, with %s -> %s\n",
+           monitor.othersNsPerRecord(), othersNsClient.back(), Describe(monitor.before).c_str(),
+           Describe(monitor.after).c_str(), Describe(withClient.before).c_str(), Describe(withClient.after).c_str());
   }
   const double loadAfter = LoadAverage();
   printf("medians over %d rounds: bare libbpf (count only) %.0f records/s; service monitor (dispatch, no client) "
          "%.0f; with one client reading every type %.0f; monitor / bare %.3f; with client / without %.3f; the "
          "client got %.3f of the backlog; the monitor's CPU time %.1f ns a record without the client, %.1f with it, "
-         "and it waited for a CPU %.3f of the drain without, %.3f with; load average %.2f before, %.2f after\n",
+         "and it waited for a CPU %.3f of the drain without, %.3f with; the other threads %.1f ns a record with "
+         "the client; a cache line's round trip between the CPUs %.0f ns; load average %.2f before, %.2f after\n",
          rounds, MedianOf(bareRates), MedianOf(monitorRates), MedianOf(clientRates), MedianOf(monitorToBare),
          MedianOf(clientToMonitor), MedianOf(delivered), MedianOf(runNs), MedianOf(runNsClient), MedianOf(waited),
-         MedianOf(waitedClient), loadBefore, loadAfter);
+         MedianOf(waitedClient), MedianOf(othersNsClient), MedianOf(roundTrips), loadBefore, loadAfter);
   printf("{\"benchmark\":\"ring_consume\",\"forks\":%d,\"rounds\":%d,\"records\":%llu,"
          "\"bare_records_per_s\":%.0f,\"monitor_records_per_s\":%.0f,\"client_records_per_s\":%.0f,"
          "\"monitor_to_bare_ratio\":%.4f,\"client_to_monitor_ratio\":%.4f,\"client_delivered_share\":%.4f,"
          "\"monitor_cpu_ns_per_record\":%.1f,\"monitor_cpu_ns_per_record_with_client\":%.1f,"
          "\"monitor_waited_share\":%.3f,\"monitor_waited_share_with_client\":%.3f,"
+         "\"other_threads_cpu_ns_per_record_with_client\":%.1f,\"line_round_trip_ns\":%.0f,"
          "\"load_before\":%.2f,\"load_after\":%.2f}\n",
          forks, rounds, static_cast<unsigned long long>(records), MedianOf(bareRates), MedianOf(monitorRates),
          MedianOf(clientRates), MedianOf(monitorToBare), MedianOf(clientToMonitor), MedianOf(delivered), MedianOf(runNs),
-         MedianOf(runNsClient), MedianOf(waited), MedianOf(waitedClient), loadBefore, loadAfter);
+         MedianOf(runNsClient), MedianOf(waited), MedianOf(waitedClient), MedianOf(othersNsClient),
+         MedianOf(roundTrips), loadBefore, loadAfter);
   fflush(stdout);
   _exit(0);
 }
