@@ -304,7 +304,9 @@ CpuSpeed ProbeCpuSpeed() {
 double Median(std::vector<double>* values) {
   if (values->empty()) return 0;
   std::sort(values->begin(), values->end());
-  return (*values)[values->size() / 2];
+  const size_t middle = values->size() / 2;
+  // An even count has two middle values: their mean, not the upper one.
+  return values->size() % 2 != 0 ? (*values)[middle] : ((*values)[middle - 1] + (*values)[middle]) / 2;
 }
 
 }  // namespace kavo::bench
