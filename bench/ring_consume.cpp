@@ -8,12 +8,16 @@
 // kavobpf_loader and attached, see a burst of forked children (fork, exit and
 // RSS records) while nobody consumes; then the producers are switched off and
 // the consumer drains the backlog against the clock. Each round drains one
-// backlog each way, one after the other. The monitor runs in a child process
+// backlog each way, one after the other, the bare consumer first and the two
+// service drains taking turns after it. The monitor runs in a child process
 // of its own each time (a fresh service), and is timed from the moment the
 // ring's consumer position first moves until it passes the backlog's end, so
 // its start-up (opening maps, the /proc scan, the client's subscriptions) is
 // not counted. "client got" is the share of the backlog's records that
-// reached the client (queue trims drop the rest).
+// reached the client (queue trims drop the rest). Beside each round: the
+// CPU time of the process's other threads (IPC thread, client) per record,
+// and the CPUs' speed and a cache line's round trip between them, measured
+// outside the clock before and after each drain (bench_support.h).
 //
 // Runs as root in private mount and network namespaces of its own (a fresh
 // bpffs for the pins). Usage: ring_consume [--forks N] [--rounds N]
