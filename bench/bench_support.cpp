@@ -95,9 +95,9 @@ uint64_t SchedstatNs(const std::string& path) { return ReadSchedstat(path).runNs
 
 }  // namespace
 
-uint64_t BootNs() {
+uint64_t ClockNs(clockid_t clock) {
   struct timespec ts;
-  clock_gettime(CLOCK_BOOTTIME, &ts);
+  clock_gettime(clock, &ts);
   return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
 }
 
@@ -226,17 +226,11 @@ namespace {
 constexpr int kProbeSteps = 400000;
 constexpr int kProbeRoundTrips = 20000;
 
-uint64_t ThreadCpuNsNow() {
-  struct timespec ts;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 void PinTo(int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(cpu, &set);
-  sched_setaffinity(0, sizeof(set), &set);
+  Kavo::Bpf::NameAndPinThread("kavoCpuProbe", set);
 }
 
 // One thread per CPU of |cpus|, all at once; each CPU's time per step.
@@ -248,12 +242,12 @@ std::vector<double> StepNsOn(std::initializer_list<int> cpus) {
     probes.emplace_back([cpu, out = &ns[slot++]] {
       PinTo(cpu);
       uint64_t x = 1;
-      const uint64_t start = ThreadCpuNsNow();
+      const uint64_t start = ClockNs(CLOCK_THREAD_CPUTIME_ID);
       for (int i = 0; i < kProbeSteps; ++i) {
         x = x * 6364136223846793005ull + 1442695040888963407ull;
         asm volatile("" : "+r"(x));
       }
-      *out = static_cast<double>(ThreadCpuNsNow() - start) / kProbeSteps;
+      *out = static_cast<double>(ClockNs(CLOCK_THREAD_CPUTIME_ID) - start) / kProbeSteps;
     });
   }
   for (std::thread& probe : probes) probe.join();

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <initializer_list>
 #include <map>
@@ -40,8 +41,10 @@ class SleepingProcesses {
 // The median of |values| (which it sorts).
 double Median(std::vector<double>* values);
 
+// A clock's time in nanoseconds.
+uint64_t ClockNs(clockid_t clock);
 // CLOCK_BOOTTIME in nanoseconds: the clock of the records' time stamps.
-uint64_t BootNs();
+inline uint64_t BootNs() { return ClockNs(CLOCK_BOOTTIME); }
 
 // Control word (key 0 of the status map) of ring 0 or 1, through the tests'
 // support; dies when it cannot be read or written.

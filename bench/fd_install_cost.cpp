@@ -46,21 +46,15 @@ const char* const kModeNames[kModes] = {"detached", "attached, producers off",
                                         "attached, producers on"};
 const char* const kModeKeys[kModes] = {"detached", "gated", "on"};
 
-uint64_t MonotonicNs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 // Nanoseconds per open()+close() of /dev/null, over |opens| of them.
 double OpenCloseNs(int opens) {
-  uint64_t start = MonotonicNs();
+  uint64_t start = ClockNs(CLOCK_MONOTONIC);
   for (int i = 0; i < opens; ++i) {
     int fd = open("/dev/null", O_RDONLY);
     if (fd < 0) Die(std::string("open /dev/null: ") + strerror(errno));
     close(fd);
   }
-  return static_cast<double>(MonotonicNs() - start) / opens;
+  return static_cast<double>(ClockNs(CLOCK_MONOTONIC) - start) / opens;
 }
 
 // Attaches the pinned descriptor program as the service does; the returned
