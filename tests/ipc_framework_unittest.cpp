@@ -147,6 +147,7 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   std::vector<std::string> events;
   std::vector<KavoIpcBytes> bodies;
   for (uint32_t i = 0; i < 15003; ++i) events.push_back(i == 12000 ? big : U32(i) + std::string(i % 50, char(i)));
+  events[12001] = big.substr(0, 32755), events[12002] = big.substr(0, 32756);  // frames of 32767 and 32768 bytes
   const size_t trims = log.Count("[AppendSecondIpc]"), records = gLosses.size();
   for (std::string& e : events) bodies.push_back({e.data(), uint32_t(e.size())}), oneByOne.buildAndAppendSecondIpcPackage(3, &e[0], unsigned(e.size()));
   const std::string expected = Drain(&oneByOne, false), lost = gLosses;
@@ -154,8 +155,11 @@ TEST(IpcFramework, AClientThatStopsReadingKeepsItsNewestPackages) {
   EXPECT_TRUE(expected == Drain(&batched, true));
   EXPECT_EQ(trims + 4, log.Count("[AppendSecondIpc]"));  // two trims each
   EXPECT_EQ(lost.substr(0, lost.size() - records), gLosses.substr(0, lost.size() - records));
-  // The newest 5001 survive; the one too big for any send buffer is dropped.
+  // The newest 5001 survive; frames one byte short of a send buffer and of
+  // its size go over, the one above it (12 + 32765 bytes) is dropped.
   EXPECT_TRUE(expected.find(PackageFrame(3, events[10002])) == 0 && expected.find(PackageFrame(3, events.back())) == expected.size() - 18);
+  EXPECT_TRUE(expected.find(PackageFrame(3, events[12001])) != std::string::npos && expected.find(PackageFrame(3, events[12002])) != std::string::npos);
+  EXPECT_EQ(std::string::npos, expected.find(big.substr(0, 32757)));
 }
 
 TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes) {
