@@ -95,12 +95,6 @@ uint64_t SchedstatNs(const std::string& path) { return ReadSchedstat(path).runNs
 
 }  // namespace
 
-uint64_t ClockNs(clockid_t clock) {
-  struct timespec ts;
-  clock_gettime(clock, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 uint64_t ControlWord(int ring) {
   int64_t word = kavo::test::ReadControlWord(KavoBpfService::RINGBUF_STATUS_PATH[ring]);
   if (word < 0) Die("reading a control word");

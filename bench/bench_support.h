@@ -6,12 +6,13 @@
 
 #include <stdint.h>
 #include <sys/types.h>
-#include <time.h>
 
 #include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "utils/kavo_bpf_helper.h"
 
 namespace kavo::bench {
 
@@ -41,8 +42,7 @@ class SleepingProcesses {
 // The median of |values| (which it sorts).
 double Median(std::vector<double>* values);
 
-// A clock's time in nanoseconds.
-uint64_t ClockNs(clockid_t clock);
+using Kavo::Bpf::ClockNs;
 // CLOCK_BOOTTIME in nanoseconds: the clock of the records' time stamps.
 inline uint64_t BootNs() { return ClockNs(CLOCK_BOOTTIME); }
 

@@ -315,9 +315,7 @@ TEST(KernelRecords, ProgramsWriteForksExitsMemoryAndMovesOnlyWhileSwitchedOn) {
     ASSERT_EQ(0, mkdir(cgroup.c_str(), 0755));
     for (const std::string& status : KavoBpfService::RINGBUF_STATUS_PATH)
       ASSERT_TRUE(kavo::test::WriteControlWord(status, kProducersOn));
-    struct timespec now;
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    const uint64_t before = now.tv_sec * 1000000000ull + now.tv_nsec;
+    const uint64_t before = Kavo::Bpf::ClockNs(CLOCK_BOOTTIME);
     const pid_t pid = RunChild(cgroup + "/cgroup.procs");
     rmdir(cgroup.c_str());
     auto records0 = kavo::test::DrainRing(ring0), records1 = kavo::test::DrainRing(ring1);

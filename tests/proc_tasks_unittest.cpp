@@ -32,11 +32,7 @@ using Seen = std::map<int, std::vector<std::string>>;
 
 KavoBpfService* Service() { return KavoBpfService::GetInstance(); }
 
-uint64_t BootNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<uint64_t>(now.tv_nsec);
-}
+uint64_t BootNs() { return Kavo::Bpf::ClockNs(CLOCK_BOOTTIME); }
 
 void WriteProcess(int pid, const char* name, long long startTicks, char state = 'S') {
   WriteFakeProcess({pid, name, 1, 10000 + pid, 1, 0, 0, 0, 0, startTicks, state});

@@ -12,16 +12,6 @@
 
 namespace Kavo::Bpf {
 
-namespace {
-
-uint64_t BootNowNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
-}
-
-}  // namespace
-
 RingWakeup::~RingWakeup() {
   if (word_ != nullptr) {
     // Whoever consumes next is woken as usual.
@@ -67,7 +57,7 @@ bool RingWakeup::recordsWaiting() const {
 
 void RingWakeup::markAwake() {
   awake_ = true;
-  __atomic_store_n(word_, BootNowNs() + kAwakeLeaseNs, __ATOMIC_RELAXED);
+  __atomic_store_n(word_, ClockNs(CLOCK_BOOTTIME) + kAwakeLeaseNs, __ATOMIC_RELAXED);
 }
 
 }  // namespace Kavo::Bpf

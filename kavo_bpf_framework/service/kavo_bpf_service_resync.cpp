@@ -42,13 +42,6 @@ namespace {
 
 constexpr char kTag[] = "BpfService";
 
-// The raw records' clock: CLOCK_BOOTTIME in ns, whole.
-uint64_t BootTimeNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<uint64_t>(now.tv_nsec);
-}
-
 bool Matches(const KavoTask& task, const ProcTask& process) {
   return process.Alive() && StartedTogether(task.startTimeNs, process.startTicks);
 }
@@ -58,7 +51,7 @@ bool Matches(const KavoTask& task, const ProcTask& process) {
 void KavoBpfService::resyncTaskTable(uint64_t lostRecords) {
   std::map<int32_t, ProcTask> processes;
   ForEachProcTask([&processes](const ProcTask& process) { processes.emplace(process.event.pid, process); });
-  const uint64_t walkedNs = BootTimeNs();
+  const uint64_t walkedNs = ClockNs(CLOCK_BOOTTIME);
   // Exit records from before the last repair have all been handled by now.
   reportedExits.clear();
 

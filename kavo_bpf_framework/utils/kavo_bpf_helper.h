@@ -10,6 +10,8 @@
 // by InitBasetime() before any other service thread reads it.
 
 #include <sched.h>
+#include <stdint.h>
+#include <time.h>
 
 #include <map>
 #include <string>
@@ -43,6 +45,9 @@ KAVO_EXPORT unsigned long long GetSystemMicrosencondsTime();
 KAVO_EXPORT unsigned long long GetSystemMillisecondsTime(bool monotonic);
 // The service's seconds clock: base + CLOCK_BOOTTIME seconds.
 KAVO_EXPORT unsigned long long GetSystemSecondsTime();
+// A clock's whole time in nanoseconds, in 64 bits; CLOCK_BOOTTIME is the
+// clock of the records' time stamps.
+uint64_t ClockNs(clockid_t clock);
 
 KAVO_EXPORT long long SubAbs(long long a, long long b);
 // later - earlier for kernel nanosecond stamps, wrapping in two's complement
