@@ -6,7 +6,6 @@
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -86,10 +85,6 @@ int RingLossWatch::pollTimeoutMs() const {
   return static_cast<int>(timeout);
 }
 
-int64_t RingLossWatch::NowMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
+int64_t RingLossWatch::NowMs() { return static_cast<int64_t>(ClockNs(CLOCK_MONOTONIC) / 1000000); }
 
 }  // namespace Kavo::Bpf

@@ -24,12 +24,6 @@ namespace {
 constexpr char kTag[] = "BpfUtils";
 constexpr int64_t kNsPerSecond = 1000000000;
 
-int64_t NowNs(clockid_t clockId) {
-  struct timespec ts;
-  clock_gettime(clockId, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * kNsPerSecond + ts.tv_nsec;
-}
-
 }  // namespace
 
 const std::string KavoBpfDataState::KAVOTASK_DUMP_PATH = "/data/kavolog/stability/kavobpfframework";
@@ -58,11 +52,11 @@ KavoBpfDataState::KavoBpfDataState(BootClock)
 }
 
 bool KavoBpfDataState::secondMayHaveChanged() {
-  const int64_t coarse = NowNs(CLOCK_MONOTONIC_COARSE);
+  const int64_t coarse = static_cast<int64_t>(ClockNs(CLOCK_MONOTONIC_COARSE));
   if (coarse < gateNs_.load(std::memory_order_relaxed)) return false;
   // The coarse clock is the time of the last tick: stop trusting it two
   // ticks before the next second begins, one to spare for a late tick.
-  const int64_t boot = NowNs(CLOCK_BOOTTIME);
+  const int64_t boot = static_cast<int64_t>(ClockNs(CLOCK_BOOTTIME));
   const int64_t toNextSecond = kNsPerSecond - boot % kNsPerSecond;
   gateNs_.store(coarse + toNextSecond - 2 * coarseResolutionNs_, std::memory_order_relaxed);
   return true;

@@ -67,11 +67,6 @@ unsigned long long GetSystemMillisecondsTime(bool monotonic) {
          static_cast<unsigned long long>(ts.tv_nsec / 1000000);
 }
 
-uint64_t ClockNs(clockid_t clock) {
-  struct timespec ts = ReadClock(clock);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 unsigned long long GetSystemSecondsTime() {
   struct timespec ts = ReadClock(CLOCK_BOOTTIME);
   return static_cast<unsigned long long>(__basetime + ts.tv_sec);
