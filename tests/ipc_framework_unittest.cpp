@@ -174,18 +174,30 @@ TEST(IpcFramework, TheLoopWritesWhileSomethingIsLeftAndAStalledPeerCostsItsBytes
     std::vector<uint32_t> calls;  // the events each callback was called with
     std::atomic<int> rounds{3};
     EpollManager loop(10, 32, nullptr, "IpcFrameworkTest", cpus, -1);
+    EXPECT_FALSE(loop.notifyWriteEventIfArmed(pair[0]));
     EXPECT_TRUE(!loop.notifyWriteEventReady(pair[0]) && log.Contains("[EpollManager][notifyWriteEventReady] the socket fd does not exist"));
     // Three rounds of data, then nothing left: write interest is dropped, so
     // the next readable event comes without EPOLLOUT.
     EpollCallback callbacks;
-    callbacks.writeCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); calls.push_back(e.events); return --rounds > 0 ? 0 : -3; };
+    // Asked from inside the write callback, the request that counts only
+    // while the loop writes finds EPOLLOUT on.
+    std::vector<bool> armedWhileWriting;
+    callbacks.writeCallback = [&](epoll_event e) {
+      std::lock_guard<std::mutex> g(mutex);
+      if (calls.empty()) armedWhileWriting.push_back(loop.notifyWriteEventIfArmed(pair[0]));
+      calls.push_back(e.events);
+      return --rounds > 0 ? 0 : -3;
+    };
     callbacks.readCallback = [&](epoll_event e) { std::lock_guard<std::mutex> g(mutex); calls.push_back(e.events); return int(read(pair[0], &scratch[0], 1)) - 1; };
     ASSERT_TRUE(loop.addMonitorFd(pair[0], callbacks));
+    EXPECT_FALSE(loop.notifyWriteEventIfArmed(pair[0]));
     loop.start();
     ASSERT_TRUE(loop.notifyWriteEventReady(pair[0]));
     auto called = [&](size_t n) { return kavo::test::WaitUntil([&] { std::lock_guard<std::mutex> g(mutex); return calls.size() >= n; }); };
     ASSERT_TRUE(called(3) && write(pair[1], "x", 1) == 1 && called(4));
     EXPECT_EQ((std::vector<uint32_t>{EPOLLOUT, EPOLLOUT, EPOLLOUT, EPOLLIN}), calls);
+    EXPECT_EQ(std::vector<bool>{true}, armedWhileWriting);
+    EXPECT_FALSE(loop.notifyWriteEventIfArmed(pair[0]));
     loop.stop();
 
     // A peer that reads nothing: ten yields, one more try after a second's

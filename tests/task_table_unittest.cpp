@@ -283,5 +283,60 @@ TEST(TaskEvents, BatchesHandedToTheWriterKeepTheirOrderAndTheirSubscribers) {
   });
 }
 
+// A writer that went to sleep is woken for batches handed over mid-drain
+// only once kWakeAfterBatches of them wait, when a wider batch comes, or when
+// the scope flushes, and a flush with nothing of its own still pays what it
+// owes. Pretend connections have no writer, so each wake-up shows as the
+// loop's line for a descriptor it does not know.
+TEST(TaskEvents, ASleepingWriterIsWokenOnceEnoughBatchesWaitOrTheDrainEnds) {
+  RunInNamespace([] {
+    LogCapture log;
+    EventManager* events = EventManager::GetInstance();
+    constexpr size_t kBatch = EventBatch::kMaxEvents;
+    constexpr size_t kWake = EventManager::kWakeAfterBatches;
+    const std::string kWakeUp = "[EpollManager][notifyWriteEventReady] the socket fd does not exist";
+    EventSink a({KAVO_EVENT_RSS_STAT}, 1000);
+    std::string record = Bytes(RssRecord(8000, KAVO_RSS_ANON, 4096, 1));
+    auto publish = [&](size_t batches) {
+      for (size_t i = 0; i < batches * kBatch; ++i) events->AppendEvent(&record[0], static_cast<unsigned>(record.size()));
+    };
+    EventManager::BatchScope scope;
+    publish(kWake - 1);
+    EXPECT_EQ(kWake - 1, events->handedOver());
+    EXPECT_EQ(0u, log.Count(kWakeUp));
+    publish(1);
+    EXPECT_EQ(kWake, events->handedOver());
+    EXPECT_EQ(1u, log.Count(kWakeUp));
+    // Past it, each hand-over asks (a real writer, woken, is writing by then,
+    // and asking it costs a counter).
+    publish(1);
+    EXPECT_EQ(2u, log.Count(kWakeUp));
+    events->deliverHandedOver();
+    EXPECT_EQ((kWake + 1) * kBatch, a.Drain().size());
+
+    // The drain's last record fills a batch: the flush has none of its own
+    // and still wakes the writer for the two waiting, once.
+    publish(2);
+    EXPECT_EQ(2u, log.Count(kWakeUp));
+    scope.flush();
+    EXPECT_EQ(3u, log.Count(kWakeUp));
+    scope.flush();
+    EXPECT_EQ(3u, log.Count(kWakeUp));
+    events->deliverHandedOver();
+    EXPECT_EQ(2 * kBatch, a.Drain().size());
+
+    // A batch b takes too fans out wider than it holds: this thread delivers
+    // it behind the one waiting, and each writer is woken once.
+    publish(1);
+    EXPECT_EQ(3u, log.Count(kWakeUp));
+    EventSink b({KAVO_EVENT_RSS_STAT}, 1001);
+    publish(1);
+    EXPECT_EQ(0u, events->handedOver());
+    EXPECT_EQ(5u, log.Count(kWakeUp));
+    EXPECT_EQ(2 * kBatch, a.Drain().size());
+    EXPECT_EQ(kBatch, b.Drain().size());
+  });
+}
+
 }  // namespace
 }  // namespace Kavo::Bpf

@@ -33,6 +33,12 @@
 // after; when the IPC thread falls kMaxHandedBatches behind, or a wider
 // batch comes, the producer delivers them itself (so a slow client costs
 // what it did: queue trims).
+//
+// A hand-over tells a writer that is still writing to the client at the
+// price of a counter. One that caught up and went to sleep is woken only
+// once kWakeAfterBatches batches wait, when a wider batch comes, or when the
+// scope flushes: a wake-up is a system call that interrupts the other CPU,
+// and a writer woken for each batch catches up and sleeps again at once.
 
 #include <atomic>
 #include <deque>
@@ -78,13 +84,20 @@ class KAVO_EXPORT EventManager {
 
    private:
     friend class EventManager;
+    // Wakes the writers of the clients that batches were handed to while
+    // they slept.
+    void wakeOwed();
     std::unique_ptr<EventBatch> batch_;
     std::vector<int> wake_;  // scratch: the clients of a batch handed over
+    std::vector<int> owed_;  // clients whose sleeping writer was not woken yet
   };
 
   // The IPC thread may be this many batches behind before a producer
   // delivers for it.
   static constexpr size_t kMaxHandedBatches = 32;
+  // While a drain goes on, a sleeping writer is woken once this many batches
+  // wait for it.
+  static constexpr size_t kWakeAfterBatches = 8;
 
   // Delivers the batches handed over so far into their clients' queues, in
   // order; the IPC thread's writes call it first. Any thread; serialised.

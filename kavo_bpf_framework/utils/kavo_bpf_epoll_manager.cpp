@@ -129,11 +129,17 @@ bool EpollManager::delMonitorFd(int fd) {
 
 bool EpollManager::notifyWriteEventReady(int fd) {
   // The common case, EPOLLOUT already on: count the request and go.
-  if (WriteSlot* slot = slotOf(fd)) {
-    slot->requests.fetch_add(1);
-    if (slot->armed.load()) return true;
-  }
+  if (notifyWriteEventIfArmed(fd)) return true;
   return changeWriteInterest(fd, true, "notifyWriteEventReady", nullptr);
+}
+
+bool EpollManager::notifyWriteEventIfArmed(int fd) {
+  WriteSlot* slot = slotOf(fd);
+  if (slot == nullptr) return false;
+  // Counted first, then "armed" read: a loop clearing EPOLLOUT meanwhile
+  // sees the request and keeps it on (see the header).
+  slot->requests.fetch_add(1);
+  return slot->armed.load();
 }
 
 uint64_t EpollManager::writeRequestsOf(int fd, const Registration& registration) {

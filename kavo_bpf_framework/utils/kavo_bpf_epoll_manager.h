@@ -79,6 +79,12 @@ class KAVO_EXPORT EpollManager {
   bool addMonitorFd(int fd, EpollCallback callback);
   bool delMonitorFd(int fd);
   bool notifyWriteEventReady(int fd);
+  // The same request, made only when EPOLLOUT is already on for fd (the loop
+  // will call the write callback again): counted in the fd's slot, no mutex,
+  // no system call; true. False when it is off, or the fd has no slot: then
+  // the loop, asleep, learns of it from nothing but a later
+  // notifyWriteEventReady(), which the caller owes.
+  bool notifyWriteEventIfArmed(int fd);
   // Whether EPOLLOUT is on for fd: the loop has writing of its own to do
   // there. A hint, read without the mutex; false for an fd without a slot.
   bool writeInterestArmed(int fd) {

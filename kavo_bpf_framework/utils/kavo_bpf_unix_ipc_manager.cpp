@@ -106,6 +106,10 @@ bool UnixIpcManager::notifyNeedWriteData(int fd) {
   return epollManager_ != nullptr && epollManager_->notifyWriteEventReady(fd);
 }
 
+bool UnixIpcManager::notifyNeedWriteDataIfArmed(int fd) {
+  return epollManager_ != nullptr && epollManager_->notifyWriteEventIfArmed(fd);
+}
+
 bool UnixIpcManager::createServer() {
   if (!serverRole_) {
     __android_log_print(ANDROID_LOG_ERROR, logTag_, "[UnixIpcManager] Create server in client manager");

@@ -103,6 +103,10 @@ class KAVO_EXPORT UnixIpcManager {
   bool writeDataNow(int fd);
   // Asks the loop for EPOLLOUT on fd: the write handler runs when it is writable.
   bool notifyNeedWriteData(int fd);
+  // notifyNeedWriteData() for a connection the loop is writing to already,
+  // without waking it; false (the caller still owes notifyNeedWriteData())
+  // when the loop is not.
+  bool notifyNeedWriteDataIfArmed(int fd);
   // Sends what the write handler has for fd on the caller's thread, as far
   // as the socket takes it without waiting; whatever is left (socket full,
   // another writer busy, a failed send) goes to the loop as with
