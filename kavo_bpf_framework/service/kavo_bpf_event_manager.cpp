@@ -239,14 +239,10 @@ void EventManager::forwardBatch(BatchScope* scope, bool midDrain) {
     // CPU, several microseconds here, and as many as a hundred came in one
     // drain of 190,000 records, the writer sleeping again after each.
     const bool wakeLater = midDrain && narrow && behind + 1 < kWakeAfterBatches;
+    std::vector<int>& owed = scope->owed_;
     for (int fd : wake) {
-      if (!wakeLater) {
-        ipc->notifyNeedWriteData(fd);
-        RemoveAll(scope->owed_, fd);
-      } else if (!ipc->notifyNeedWriteDataIfArmed(fd) &&
-                 std::find(scope->owed_.begin(), scope->owed_.end(), fd) == scope->owed_.end()) {
-        scope->owed_.push_back(fd);
-      }
+      if (wakeLater && ipc->notifyNeedWriteDataIfArmed(fd)) continue;
+      if (std::find(owed.begin(), owed.end(), fd) == owed.end()) owed.push_back(fd);
     }
     if (!wakeLater) scope->wakeOwed();
     catchUp = behind >= kMaxHandedBatches || !narrow;
