@@ -219,6 +219,8 @@ namespace {
 
 constexpr int kProbeSteps = 400000;
 constexpr int kProbeRoundTrips = 20000;
+constexpr size_t kProbeCopyBytes = 8192;
+constexpr int kProbeCopies = 40000;
 
 void PinTo(int cpu) {
   cpu_set_t set;
@@ -227,25 +229,45 @@ void PinTo(int cpu) {
   Kavo::Bpf::NameAndPinThread("kavoCpuProbe", set);
 }
 
-// One thread per CPU of |cpus|, all at once; each CPU's time per step.
-std::vector<double> StepNsOn(std::initializer_list<int> cpus) {
+// One thread per CPU of |cpus|, all at once, each running |probe| pinned to
+// its CPU; what each returned.
+template <typename Probe>
+std::vector<double> OnCpus(std::initializer_list<int> cpus, Probe probe) {
   std::vector<double> ns(cpus.size());
   std::vector<std::thread> probes;
   size_t slot = 0;
   for (int cpu : cpus) {
-    probes.emplace_back([cpu, out = &ns[slot++]] {
+    probes.emplace_back([cpu, out = &ns[slot++], &probe] {
       PinTo(cpu);
-      uint64_t x = 1;
-      const uint64_t start = ClockNs(CLOCK_THREAD_CPUTIME_ID);
-      for (int i = 0; i < kProbeSteps; ++i) {
-        x = x * 6364136223846793005ull + 1442695040888963407ull;
-        asm volatile("" : "+r"(x));
-      }
-      *out = static_cast<double>(ClockNs(CLOCK_THREAD_CPUTIME_ID) - start) / kProbeSteps;
+      *out = probe();
     });
   }
-  for (std::thread& probe : probes) probe.join();
+  for (std::thread& thread : probes) thread.join();
   return ns;
+}
+
+// One step of a chain of dependent multiply-adds, by the thread's CPU time.
+double StepNs() {
+  uint64_t x = 1;
+  const uint64_t start = ClockNs(CLOCK_THREAD_CPUTIME_ID);
+  for (int i = 0; i < kProbeSteps; ++i) {
+    x = x * 6364136223846793005ull + 1442695040888963407ull;
+    asm volatile("" : "+r"(x));
+  }
+  return static_cast<double>(ClockNs(CLOCK_THREAD_CPUTIME_ID) - start) / kProbeSteps;
+}
+
+// One copy of 8 KiB between two buffers in the thread's own cache, by its CPU
+// time: bound by the core's loads and stores, which two hardware threads share.
+double CopyNs() {
+  std::vector<char> from(kProbeCopyBytes, 1), to(kProbeCopyBytes);
+  memcpy(to.data(), from.data(), kProbeCopyBytes);  // both in the cache before the clock
+  const uint64_t start = ClockNs(CLOCK_THREAD_CPUTIME_ID);
+  for (int i = 0; i < kProbeCopies; ++i) {
+    memcpy(to.data(), from.data(), kProbeCopyBytes);
+    asm volatile("" : : "r"(to.data()) : "memory");
+  }
+  return static_cast<double>(ClockNs(CLOCK_THREAD_CPUTIME_ID) - start) / kProbeCopies;
 }
 
 double LineRoundTripNs() {
@@ -280,10 +302,15 @@ double LineRoundTripNs() {
 CpuSpeed ProbeCpuSpeed() {
   CpuSpeed speed;
   const int cpus = std::min(2, static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
-  for (int cpu = 0; cpu < cpus; ++cpu) speed.stepNs[cpu] = StepNsOn({cpu})[0];
+  for (int cpu = 0; cpu < cpus; ++cpu) {
+    speed.stepNs[cpu] = OnCpus({cpu}, StepNs)[0];
+    speed.copyNs[cpu] = OnCpus({cpu}, CopyNs)[0];
+  }
   if (cpus == 2) {
-    const std::vector<double> together = StepNsOn({0, 1});
+    const std::vector<double> together = OnCpus({0, 1}, StepNs);
     speed.togetherStepNs = std::max(together[0], together[1]);
+    const std::vector<double> copies = OnCpus({0, 1}, CopyNs);
+    speed.togetherCopyNs = std::max(copies[0], copies[1]);
     speed.lineRoundTripNs = LineRoundTripNs();
   }
   return speed;

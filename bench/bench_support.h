@@ -99,14 +99,26 @@ Schedstat ThreadSchedstat(pid_t tid);
 // read against these. |stepNs| for CPUs 0 and 1 alone, |togetherStepNs| the
 // slower of the two while both run at once: one step of a chain of dependent
 // multiply-adds, by the thread's own CPU time (core speed, no memory).
-// |lineRoundTripNs|: a cache line handed from CPU 0 to CPU 1 and back. The
+// |lineRoundTripNs|: a cache line handed from CPU 0 to CPU 1 and back.
+// A dependent chain uses too little of a core to slow a thread sharing it, so
+// |copyNs| and |togetherCopyNs| time a copy of 8 KiB within the thread's own
+// cache the same way, alone and both at once: it takes twice as long when the
+// two vCPUs run on one core, or on a host that has no bandwidth to spare. The
 // two-CPU figures are 0 with one CPU. Plain data: a drain's child process
 // sends it through a pipe.
 struct CpuSpeed {
   double stepNs[2] = {};
   double togetherStepNs = 0;
   double lineRoundTripNs = 0;
+  double copyNs[2] = {};
+  double togetherCopyNs = 0;
   double slowestStepNs() const { return stepNs[0] > stepNs[1] ? stepNs[0] : stepNs[1]; }
+  // Both at once against the slower alone: about 1 when the vCPUs do not
+  // contend, about 2 when they share a core.
+  double copyContention() const {
+    const double alone = copyNs[0] > copyNs[1] ? copyNs[0] : copyNs[1];
+    return alone > 0 ? togetherCopyNs / alone : 0;
+  }
 };
 CpuSpeed ProbeCpuSpeed();
 

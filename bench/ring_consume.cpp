@@ -60,6 +60,9 @@ using Clock = std::chrono::steady_clock;
 constexpr char kRingSize[] = "67108864";
 constexpr uint64_t kProducersOn = KAVO_RING_CORE_ENABLED_BIT | KAVO_RING_NORMAL_ENABLED_BIT;
 constexpr auto kPositionPoll = std::chrono::microseconds(200);
+// A copy probe this much slower on both vCPUs at once than alone: they
+// contended for one core (or the host's bandwidth) around a drain.
+constexpr double kContended = 1.3;
 // What a fork storm's backlog holds, and what the client subscribes to.
 const std::initializer_list<int> kBacklogTypes = {KAVO_EVENT_RSS_STAT, KAVO_EVENT_TASK_CREATE,
                                                   KAVO_EVENT_TASK_EXIT};
@@ -252,9 +255,9 @@ Drain DrainInChild(bool withClient) {
 }
 
 std::string Describe(const CpuSpeed& speed) {
-  char text[64];
-  snprintf(text, sizeof(text), "%.2f/%.2f/%.0f ns", speed.slowestStepNs(), speed.togetherStepNs,
-           speed.lineRoundTripNs);
+  char text[96];
+  snprintf(text, sizeof(text), "%.2f/%.2f/%.0f ns/x%.2f", speed.slowestStepNs(), speed.togetherStepNs,
+           speed.lineRoundTripNs, speed.copyContention());
   return text;
 }
 
@@ -301,6 +304,9 @@ int main(int argc, char** argv) {
   // The rest of the process's CPU time per record with the client, and the
   // line round trips measured around both drains.
   std::vector<double> othersNsClient, roundTrips;
+  // The rounds' ratios by whether the vCPUs slowed each other's copies
+  // around either drain (see CpuSpeed).
+  std::vector<double> apartRatios, contendedRatios;
   uint64_t records = 0;
   for (int round = 1; round <= rounds; ++round) {
     MakeBacklog(forks);
@@ -328,20 +334,27 @@ int main(int argc, char** argv) {
     runNsClient.push_back(withClient.runNsPerRecord());
     waitedClient.push_back(withClient.waitedShare());
     othersNsClient.push_back(withClient.othersNsPerRecord());
+    double contention = 0;
     for (const Drain* drain : {&monitor, &withClient}) {
       roundTrips.push_back(drain->before.lineRoundTripNs);
       roundTrips.push_back(drain->after.lineRoundTripNs);
+      contention = std::max({contention, drain->before.copyContention(), drain->after.copyContention()});
     }
+    (contention < kContended ? apartRatios : contendedRatios).push_back(clientToMonitor.back());
     printf("%-6d %12llu %14.0f %14.0f %14.0f %10.3f %10.3f %12.3f %9.1f %9.3f %9.1f %9.3f\n", round,
            static_cast<unsigned long long>(monitor.records), bare.perSecond(), monitor.perSecond(),
            withClient.perSecond(), monitorToBare.back(), clientToMonitor.back(), delivered.back(), runNs.back(),
            waited.back(), runNsClient.back(), waitedClient.back());
     printf("       other threads %.1f ns a record without the client, %.1f with it; CPUs before -> after, one "
-           "step alone / both at once / line round trip: without client %s -> %s, with %s -> %s\n",
+           "step alone / both at once / line round trip / copy both at once against alone: without client %s -> "
+           "%s, with %s -> %s\n",
            monitor.othersNsPerRecord(), othersNsClient.back(), Describe(monitor.before).c_str(),
            Describe(monitor.after).c_str(), Describe(withClient.before).c_str(), Describe(withClient.after).c_str());
   }
   const double loadAfter = LoadAverage();
+  printf("with client / without, by the copy probes around the round's drains: below x%.1f %zu rounds, median "
+         "%.3f; at or above %zu rounds, median %.3f\n",
+         kContended, apartRatios.size(), MedianOf(apartRatios), contendedRatios.size(), MedianOf(contendedRatios));
   printf("medians over %d rounds: bare libbpf (count only) %.0f records/s; service monitor (dispatch, no client) "
          "%.0f; with one client reading every type %.0f; monitor / bare %.3f; with client / without %.3f; the "
          "client got %.3f of the backlog; the monitor's CPU time %.1f ns a record without the client, %.1f with it, "
@@ -356,11 +369,14 @@ int main(int argc, char** argv) {
          "\"monitor_cpu_ns_per_record\":%.1f,\"monitor_cpu_ns_per_record_with_client\":%.1f,"
          "\"monitor_waited_share\":%.3f,\"monitor_waited_share_with_client\":%.3f,"
          "\"other_threads_cpu_ns_per_record_with_client\":%.1f,\"line_round_trip_ns\":%.0f,"
+         "\"rounds_cpus_apart\":%zu,\"client_to_monitor_ratio_cpus_apart\":%.4f,"
+         "\"rounds_cpus_contended\":%zu,\"client_to_monitor_ratio_cpus_contended\":%.4f,"
          "\"load_before\":%.2f,\"load_after\":%.2f}\n",
          forks, rounds, static_cast<unsigned long long>(records), MedianOf(bareRates), MedianOf(monitorRates),
          MedianOf(clientRates), MedianOf(monitorToBare), MedianOf(clientToMonitor), MedianOf(delivered), MedianOf(runNs),
          MedianOf(runNsClient), MedianOf(waited), MedianOf(waitedClient), MedianOf(othersNsClient),
-         MedianOf(roundTrips), loadBefore, loadAfter);
+         MedianOf(roundTrips), apartRatios.size(), MedianOf(apartRatios), contendedRatios.size(),
+         MedianOf(contendedRatios), loadBefore, loadAfter);
   fflush(stdout);
   _exit(0);
 }
